@@ -1,0 +1,375 @@
+#include <libtarnlink/timeop.h>
+
+#include <libtarnlink/invariant.h>
+#include <libtarnlink/log.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+loglevel_ctx g_llctx;
+
+clock_reader g_clock_reader = clock_gettime;
+
+char g_timezone[16]; // cached zone text, " ZONE"
+
+// Set while a calendar conversion is under way; a signal handler that wants one then is refused.
+volatile sig_atomic_t g_tmlock;
+
+// The calendar text of one second. Log lines come in bursts, so it is worth keeping.
+struct calendar_text {
+    time_t sec;
+    bool gmt;
+    int len; // 0: nothing kept
+    char text[TIMESTR_SZ];
+};
+calendar_text g_calendar;
+
+constexpr long NSEC_PER_SEC = 1000000000;
+
+} // namespace
+
+clock_reader set_clock_reader(clock_reader reader)
+{
+    const clock_reader previous = g_clock_reader;
+    g_clock_reader = reader != nullptr ? reader : clock_gettime;
+    return previous;
+}
+
+int read_clock(clockid_t clk_id, timespec *tms)
+{
+    return g_clock_reader(clk_id, tms);
+}
+
+time_t now_seconds()
+{
+    timespec now{};
+    set_real_now(&now);
+    return now.tv_sec;
+}
+
+void set_clk_now(timespec *tms, clockid_t clk_id)
+{
+    if (read_clock(clk_id, tms) != 0) {
+        perror("clock_gettime");
+        abort();
+    }
+}
+
+void set_real_now(timespec *tms)
+{
+    set_clk_now(tms, CLOCK_REALTIME);
+}
+
+void set_now(timespec *tms)
+{
+    set_clk_now(tms, CLOCK_MONOTONIC);
+}
+
+void cpy_timespec(const timespec *src, timespec *dst)
+{
+    *dst = *src;
+}
+
+// ---- Time-outs
+
+static bool is_later(const timespec &a, const timespec &b)
+{
+    return a.tv_sec != b.tv_sec ? a.tv_sec > b.tv_sec : a.tv_nsec > b.tv_nsec;
+}
+
+int timed_out_as(const timespec *last_tm, const timespec *tmout, int /*in_real_time*/,
+                 const timespec *clknow)
+{
+    timespec now{};
+    if (clknow != nullptr)
+        now = *clknow;
+    else
+        set_real_now(&now);
+    timespec deadline{last_tm->tv_sec + tmout->tv_sec, last_tm->tv_nsec + tmout->tv_nsec};
+    if (deadline.tv_nsec >= NSEC_PER_SEC) {
+        deadline.tv_sec += 1;
+        deadline.tv_nsec -= NSEC_PER_SEC;
+    }
+    return is_later(now, deadline) ? 1 : 0;
+}
+
+int timed_out(const timespec *last, const timespec *tmout)
+{
+    return timed_out_as(last, tmout, 0, nullptr);
+}
+
+int timed_out_ext(const timespec *last, const timespec *tmout, const timespec *now)
+{
+    return timed_out_as(last, tmout, 0, now);
+}
+
+int timed_out_real(const timespec *last, const timespec *tmout)
+{
+    return timed_out_as(last, tmout, 1, nullptr);
+}
+
+void calc_timespan(const timespec *from, const timespec *till, timespec *span)
+{
+    timespec diff{till->tv_sec - from->tv_sec, till->tv_nsec - from->tv_nsec};
+    if (diff.tv_nsec < 0) {
+        diff.tv_sec -= 1;
+        diff.tv_nsec += NSEC_PER_SEC;
+    }
+    *span = diff;
+}
+
+void set_tspan(tspan *spn, const timespec *tm, uint32_t ticks)
+{
+    switch (spn->mode) {
+    case TSPAN_TIME:
+        spn->val.tms = *tm;
+        break;
+    case TSPAN_TICKS:
+        spn->val.ticks = ticks;
+        break;
+    default:
+        INVARIANT(0);
+    }
+}
+
+static bool ticks_timed_out(uint32_t last, uint32_t tmout, uint32_t now)
+{
+    if (last == 0)
+        return true;
+    if (now < last) // the counter has wrapped; the tick less is intended
+        return now - last - 1 >= tmout;
+    return now >= tmout + last;
+}
+
+bool tspan_timed_out(const tspan *last, const tspan *tmout, const timespec *now, uint32_t ticks_now)
+{
+    INVARIANT(tmout->mode == last->mode);
+    switch (tmout->mode) {
+    case TSPAN_TIME:
+        return timed_out_ext(&last->val.tms, &tmout->val.tms, now) != 0;
+    case TSPAN_TICKS:
+        return ticks_timed_out(last->val.ticks, tmout->val.ticks, ticks_now);
+    default:
+        INVARIANT(0);
+    }
+    return false;
+}
+
+// ---- Differences
+
+#define timespeccmp(a, b, CMP)                                                                     \
+    (((a)->tv_sec == (b)->tv_sec) ? ((a)->tv_nsec CMP(b)->tv_nsec) : ((a)->tv_sec CMP(b)->tv_sec))
+
+void tspec_diff(const timespec *a, const timespec *b, timespec *result)
+{
+    timespec now{};
+    if (a == nullptr || b == nullptr)
+        set_now(&now);
+    const timespec *delta = a != nullptr ? a : &now;
+    const timespec *pb = b != nullptr ? b : &now;
+    if (is_later(*pb, *delta))
+        std::swap(delta, pb);
+    INVARIANT(timespeccmp(delta, pb, >=));
+    calc_timespan(pb, delta, result);
+}
+
+int64_t tms2ms(const timespec *t)
+{
+    return t->tv_sec == -1 ? -1 : t->tv_sec * 1000 + t->tv_nsec / 1000000;
+}
+
+int64_t diff_ms(const timespec *a, const timespec *b)
+{
+    timespec diff{};
+    tspec_diff(a, b, &diff);
+    return tms2ms(&diff);
+}
+
+// ---- Time strings
+
+const char *get_timezone(int refresh)
+{
+    if (refresh == 0 && g_timezone[0] != '\0')
+        return g_timezone;
+    g_calendar.len = 0;
+    const time_t now = now_seconds();
+    tm local{};
+    if (localtime_r(&now, &local) == nullptr) {
+        perror("localtime_r");
+        return nullptr;
+    }
+    if (strftime(g_timezone, sizeof g_timezone - 1, " %Z", &local) == 0) {
+        perror("strftime");
+        strcpy(g_timezone, "#ERR#");
+        return nullptr;
+    }
+    return g_timezone;
+}
+
+// The calendar text of a second, from the last call when it was the same second. Null when the time
+// has no calendar.
+static const calendar_text *calendar_of(time_t sec, bool gmt)
+{
+    calendar_text &c = g_calendar;
+    if (c.len > 0 && c.sec == sec && c.gmt == gmt)
+        return &c;
+    c.len = 0;
+    tm t{};
+    g_tmlock = 1;
+    const tm *converted = gmt ? gmtime_r(&sec, &t) : localtime_r(&sec, &t);
+    g_tmlock = 0;
+    if (converted == nullptr) {
+        perror("gmtime_r/localtime_r");
+        return nullptr;
+    }
+    c.sec = sec;
+    c.gmt = gmt;
+    c.len = snprintf(c.text, sizeof c.text, "%04d-%02d-%02d %02d:%02d:%02d", t.tm_year + 1900,
+                     t.tm_mon + 1, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec);
+    return &c;
+}
+
+static int mk_raw_timestr(const timespec *tms, char *buf, size_t buflen)
+{
+    const int n = snprintf(buf, std::max<size_t>(buflen, 1) - 1, "%ld.%06ld", tms->tv_sec,
+                           tms->tv_nsec / 1000);
+    return static_cast<size_t>(n) >= buflen ? -1 : n;
+}
+
+// Appends ".uuuuuu" behind `out`; returns the end.
+static char *put_micros(char *out, long micros)
+{
+    *out++ = '.';
+    for (int i = 5; i >= 0; --i, micros /= 10)
+        out[i] = static_cast<char>('0' + micros % 10);
+    return out + 6;
+}
+
+int mk_timestr(const timespec *tms, uint32_t flags, char *buf, size_t buflen)
+{
+    if ((flags & f_RAW_TIME) != 0)
+        return mk_raw_timestr(tms, buf, buflen);
+    if (g_tmlock != 0)
+        return -35;
+    const calendar_text *calendar = calendar_of(tms->tv_sec, (flags & f_GMT_TIME) != 0);
+    if (calendar == nullptr)
+        return -1;
+    const char *zone = get_timezone(0);
+    if (calendar->len == 0) // the zone's first look-up dropped the text just made
+        calendar = calendar_of(tms->tv_sec, (flags & f_GMT_TIME) != 0);
+    if (zone == nullptr)
+        zone = "";
+
+    char text[TIMESTR_SZ + 32];
+    char *end = std::copy_n(calendar->text, calendar->len, text);
+    if ((flags & f_FMT_SECONDS) == 0)
+        end = put_micros(end, tms->tv_nsec / 1000);
+    end = std::copy_n(zone, strlen(zone) + 1, end);
+
+    const size_t n = static_cast<size_t>(end - text) - 1;
+    if (n > buflen) {
+        fprintf(stderr, "%s: timestamp buffer needs %d bytes, only %ld provided\n", __func__,
+                static_cast<int>(n), static_cast<long>(buflen));
+        return -1;
+    }
+    if (buflen > 0) { // a text of exactly buflen characters is cut by one and accepted
+        const size_t kept = std::min(n, buflen - 1);
+        memcpy(buf, text, kept);
+        buf[kept] = '\0';
+    }
+    return static_cast<int>(n);
+}
+
+static int scan_raw_time(const char *s, timespec *tms)
+{
+    long sec = 0;
+    long usec = 0;
+    const int n = sscanf(s, "%ld.%06ld ", &sec, &usec);
+    if (n < 2)
+        return -1;
+    *tms = {sec, usec * 1000};
+    return n;
+}
+
+int scan_log_time(const char *s, timespec *tms, uint32_t flags)
+{
+    *tms = {};
+    if ((flags & f_RAW_TIME) != 0)
+        return scan_raw_time(s, tms);
+
+    tm t{};
+    long usec = 0;
+    int n = 0;
+    int wanted = 0;
+    if ((flags & f_FMT_SECONDS) != 0) {
+        wanted = 6;
+        n = sscanf(s, "%04d-%02d-%02d %02d:%02d:%02d ", &t.tm_year, &t.tm_mon, &t.tm_mday,
+                   &t.tm_hour, &t.tm_min, &t.tm_sec);
+    } else {
+        wanted = 7;
+        n = sscanf(s, "%04d-%02d-%02d %02d:%02d:%02d.%06ld ", &t.tm_year, &t.tm_mon, &t.tm_mday,
+                   &t.tm_hour, &t.tm_min, &t.tm_sec, &usec);
+    }
+    if (n < wanted)
+        return -1;
+    t.tm_year -= 1900;
+    t.tm_mon -= 1;
+    const time_t sec = mktime(&t);
+    if (sec == static_cast<time_t>(-1)) {
+        LOG_STMT(ERR_level, "%s: cannot make time from [%s]\n", __func__, s);
+        return -1;
+    }
+    *tms = {sec, usec * 1000};
+    return n;
+}
+
+int mk_gmt_date(time_t ut, char *buf, size_t buflen)
+{
+    tm t{};
+    if (gmtime_r(&ut, &t) == nullptr) {
+        perror("gmtime");
+        return -1;
+    }
+    const int n =
+        snprintf(buf, buflen, "%04d-%02d-%02d", t.tm_year + 1900, t.tm_mon + 1, t.tm_mday);
+    if (n < 1 || static_cast<size_t>(n) > buflen) {
+        LOG_STMT(ERR_level, "%s: timestamp buffer needs %d bytes, only %ld provided\n", __func__, n,
+                 static_cast<long>(buflen));
+        return -1;
+    }
+    buf[buflen - 1] = '\0';
+    return 0;
+}
+
+int mk_timespan(long total_sec, char *buf, size_t buflen)
+{
+    size_t used = 0;
+    const long days = total_sec / 86400;
+    if (days > 0) {
+        const int n = snprintf(buf, buflen, "%02ldd ", days);
+        if (n < 1 || static_cast<size_t>(n) > buflen)
+            return -1;
+        used = static_cast<size_t>(n);
+    }
+    const long rest = total_sec % 86400;
+    const int n = snprintf(buf + used, buflen - used, "%02ldh:%02ldm:%02lds", rest / 3600,
+                           rest % 3600 / 60, rest % 60);
+    return n < 1 || static_cast<size_t>(n) > buflen - used ? -1 : 0;
+}
+
+time_t get_endofday_utime(time_t t)
+{
+    tm local{};
+    if (localtime_r(&t, &local) == nullptr) {
+        LOG_STMT(ERR_level, "%s: localtime_r() FAILED\n", __func__);
+        return -1;
+    }
+    local.tm_hour = 23;
+    local.tm_min = 59;
+    local.tm_sec = 59;
+    return mktime(&local);
+}

@@ -1,0 +1,184 @@
+// Every record of the engine: the vocabulary its rooms share.
+//
+// Records are zero-filled unless a default says otherwise. Clock values are 90 kHz ticks, packet
+// numbers count from 1.
+#pragma once
+
+#include "misc/aggr.h"
+#include "misc/ctxt.h"
+#include "tsanalyze/tsanalyze.h"
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+#include <span>
+#include <sys/types.h>
+
+constexpr size_t PID_COUNT = 8192; // PIDs have 13 bits
+
+// What the tag of a packet is made of, taken when the tag is due. The text itself is written only
+// when a line needs it (tag_text).
+struct packet_tag {
+    uint64_t pkt_idx;  // number of the packet
+    uint64_t last_pcr; // the programme's last PCR before this packet
+    uint64_t pcr_age;  // packets since it
+    ssize_t ipg;
+    ssize_t istm;
+    bool is_pat;
+    bool is_pmt;
+    bool has_pcr; // the programme had a PCR
+};
+
+// Sections of one table, by section number. The copies belong to the block.
+struct psi_block {
+    uint8_t *sec[256]{};
+    bool is_complete = false; // the last section added made the table complete
+
+    psi_block() = default;
+    psi_block(const psi_block &) = delete;
+    psi_block &operator=(const psi_block &) = delete;
+    ~psi_block();
+};
+
+// The bytes of a table packet's section that changed nothing when it was last taken; the same bytes
+// again need no second look.
+class section_image {
+public:
+    bool matches(std::span<const uint8_t> section) const;
+    void remember(std::span<const uint8_t> section);
+    void forget() { size_ = 0; }
+
+private:
+    size_t size_ = 0;
+    std::array<uint8_t, TS_PACKET_SIZE> bytes_{};
+};
+
+// Continuity counter of a stream.
+struct cc_info {
+    int32_t value;   // last counter, -1 before the first
+    timespec ms0_tm; // monotonic time of the last unexpected zero; all zero: none
+};
+
+// One elementary stream. What every packet touches stands in the first cache line.
+struct alignas(64) stream_info {
+    uint32_t pid;
+    char stype;       // 'V' video, 'A' audio, 'S' private-data PES
+    uint8_t scode;    // stream_type of the PMT
+    bool pts_updated; // a new PTS has arrived and was not checked yet
+    bool dts_updated;
+    uint64_t pcount; // packets processed
+    uint64_t acount; // packets analysed
+    cc_info cc;
+    uint64_t last_pts;
+    uint64_t last_dts;
+    uint64_t pts_pktnum; // packet that carried last_pts
+    uint64_t dts_pktnum;
+};
+
+// Alert counters of a programme.
+struct pg_alert_count {
+    uint64_t av_delta0;
+    uint64_t av_deltaplus;
+    uint64_t pcr_delta;
+    uint64_t pcr_freq;
+    uint64_t cc_break;
+    uint64_t cc_reset;
+    uint64_t pmt_diff;
+    uint64_t pid_ndat;
+};
+
+// Alert counters of a source.
+struct gen_alert_count {
+    uint64_t lost_sync;
+    uint64_t pat_diff;
+    uint64_t cc_mlr;
+};
+
+// Packet counters of a programme: processed and analysed, of all its streams and by class.
+struct alignas(64) sa_stats {
+    uint64_t pcount;
+    uint64_t acount;
+    uint64_t v_pcount;
+    uint64_t v_acount;
+    uint64_t a_pcount;
+    uint64_t a_acount;
+    uint64_t s_pcount;
+    uint64_t s_acount;
+};
+
+// One programme.
+struct program_info {
+    sa_stats stat;
+    uint64_t last_pcr;    // last PCR seen
+    uint64_t pcr_pktnum;  // packet that carried it
+    uint32_t pcr_pid;     // PCR PID of the PMT
+    bool got_pcr;         // a PCR was seen
+    uint8_t skip_pmt_out; // wraps; the PMT lines of the STAT report are written when it is 0
+    size_t nstreams;
+    ssize_t ref_idx = -1;  // the reference video stream; -1: none
+    ssize_t pcr_idx = -1;  // the stream that carries the PCR; -1: none
+    uint64_t last_seg_idx; // input segments ended
+    std::array<stream_info, MAX_NSTREAMS> stm;
+
+    packet_tag pcr_ptag;   // tag of the packet that carried last_pcr
+    uint32_t curr_pmt_pid; // PID of the PMT that last added streams
+    ctxt_spec txt_pmt;     // text snapshot of the PMT
+    section_image quiet_pmt;
+    pg_alert_count alert;
+    aggr_val av_pdts_delta; // audio/video time-stamp distances (ms)
+    aggr_val av_pcr_delta;  // distances of time stamps to the PCR (ms)
+    aggr_val av_pcr_freq;   // PCR intervals (ms)
+};
+
+// Classification of the current packet.
+struct dgram_info {
+    ssize_t ipg;  // programme slot, -1: none
+    ssize_t istm; // stream of that programme, -1: none
+    bool is_pat;
+    bool is_pmt;
+    program_info *program;
+    stream_info *stream;
+};
+
+// The latest continuity alert of the source, for the correlation of losses within a segment.
+struct cc_alert_ctx {
+    uint64_t seg_idx; // segment of the alert
+    uint32_t pid;
+    int32_t delta; // packets lost, 0 to 15
+    int32_t nmlr; // correlated losses of the segment; -1: a good counter was seen, no more counting
+};
+
+// What a PID means: a PMT (programme slot alone), a stream (both), or nothing (-1, -1).
+struct pid_slot {
+    int8_t ipg = -1;
+    int8_t istm = -1;
+};
+
+struct tsan_ctx {
+    tsan_config cfg;
+    dgram_info dat;
+    packet_tag ptag;       // of the current packet
+    uint64_t last_pkt_idx; // number of the current packet; a host may set it
+    uint64_t ptotal;       // packets taken
+    uint64_t atotal;       // packets analysed
+    uint64_t ndat_pcount; // processed packets at which silent streams are looked for; 0: not at all
+    cc_alert_ctx last_cca;
+    timespec start_tm; // wall clock at the first packet
+    size_t nprogs;
+    uint64_t pre_skipped; // packets before the first analysed one
+    gen_alert_count gac;
+    time_t last_stats_dumped;
+    std::array<uint32_t, MAX_PMTS> pmt_pid;  // in PAT order, ended by a 0 when shorter
+    std::array<pid_slot, PID_COUNT> slot_of; // rebuilt when PAT or PMT change
+    std::array<program_info, MAX_PMTS> pg;   // slot i belongs to pmt_pid[i]
+    psi_block pat;                           // the first complete PAT
+    std::unique_ptr<psi_block> new_pat;      // a later one being gathered
+    section_image quiet_pat;
+};
+
+// The programme of the current packet.
+inline program_info *prog(const tsan_ctx *tc)
+{
+    return tc->dat.program;
+}

@@ -1,0 +1,138 @@
+// Life cycle of a context, and the intake of one packet.
+
+#include "tsanalyze/packet.h"
+#include "tsanalyze/presence.h"
+#include "tsanalyze/psi.h"
+
+#include <libtarnlink/log.h>
+#include <libtarnlink/mpegts.h>
+#include <libtarnlink/strops.h>
+#include <libtarnlink/timeop.h>
+
+#include <cerrno>
+#include <new>
+
+namespace {
+
+loglevel_ctx g_llctx;
+
+constexpr int SOURCE_IDLES = -16;
+constexpr time_t IDLE_NOTICE_SEC = 10;
+
+time_t g_last_idle_notice; // of all contexts of the process; 0: never
+
+} // namespace
+
+tsan_t tsan_init(const char *source, const tsan_config *cfg, int *err)
+{
+    std::unique_ptr<tsan_ctx> tc(new (std::nothrow) tsan_ctx());
+    if (tc == nullptr) {
+        if (err != nullptr)
+            *err = ENOMEM;
+        return nullptr;
+    }
+    tc->cfg = *cfg;
+    if (source != nullptr)
+        copy_text(tc->cfg.source, sizeof tc->cfg.source, source);
+    tc->ndat_pcount = tc->cfg.max_ndat_pcount;
+    LOG_STMT(DEBUG_level, "%s: tsan[%s] (%p) created\n", __func__, tc->cfg.source,
+             static_cast<void *>(tc.get()));
+    return tc.release();
+}
+
+void tsan_free(tsan_t t)
+{
+    if (t == nullptr)
+        return;
+    if (t->cfg.source[0] == '\0') {
+        LOG_STMT(WARN_level, "%s: avoiding double-freeing of tsan[] (%p)\n", __func__,
+                 static_cast<void *>(t));
+        return;
+    }
+    LOG_STMT(DEBUG_level, "%s: freeing up tsan[%s] (%p)\n", __func__, t->cfg.source,
+             static_cast<void *>(t));
+    t->cfg.source[0] = '\0';
+    const std::unique_ptr<tsan_ctx> owned(t);
+}
+
+// Classifies the current packet by its PID.
+static inline void setup_dat(tsan_ctx *tc, uint32_t pid)
+{
+    const pid_slot slot = tc->slot_of[pid];
+    dgram_info &dat = tc->dat;
+    dat.ipg = slot.ipg;
+    dat.istm = slot.istm;
+    dat.is_pat = pid == PAT_PID_NUMBER;
+    dat.is_pmt = slot.ipg >= 0 && slot.istm < 0;
+    dat.program = slot.ipg >= 0 ? &tc->pg[static_cast<size_t>(slot.ipg)] : nullptr;
+    dat.stream = slot.istm >= 0 ? &dat.program->stm[static_cast<size_t>(slot.istm)] : nullptr;
+}
+
+// Gives the source up: no packet could be analysed for too long.
+static int report_idle_source(const tsan_ctx *tc)
+{
+    const time_t now = now_seconds();
+    if (now - g_last_idle_notice > IDLE_NOTICE_SEC) {
+        LOG_STMT(ERR_level, "[%s] has been idling for too long (%lu/%zu packets)\n", tc->cfg.source,
+                 tc->last_pkt_idx, tc->cfg.max_skip_pkts);
+        g_last_idle_notice = now;
+    }
+    return SOURCE_IDLES;
+}
+
+int tsan_process(tsan_t tc, const uint8_t *pkt)
+{
+    setup_dat(tc, ts_pid(pkt));
+    if (tc->start_tm.tv_sec == 0 && tc->start_tm.tv_nsec == 0) [[unlikely]]
+        set_real_now(&tc->start_tm);
+    ++tc->last_pkt_idx;
+    ++tc->ptotal;
+    mk_ptag(tc);
+    if (pkt[0] != MPEG_TS_SYNC) [[unlikely]] {
+        LOG_STMT(ERR_level, "%s: [%s] out of sync at %s\n", __func__, tc->cfg.source,
+                 tag_text(tc).text);
+        return -1;
+    }
+    const int idx = upsert_pkt_info(tc, pkt);
+    if (idx >= 0) {
+        mark_processed(tc, idx);
+        if (analyze_pkt(tc, pkt, idx) != 0)
+            return -1;
+        if (tc->ndat_pcount != 0)
+            check_pcount(tc, false);
+    }
+    if (tc->atotal == 0 && tc->last_pkt_idx >= tc->cfg.max_skip_pkts) [[unlikely]]
+        return report_idle_source(tc);
+    return 0;
+}
+
+void tsan_next_seg(tsan_t tc)
+{
+    if (prog(tc) == nullptr)
+        return;
+    if (tc->last_cca.nmlr > 0)
+        alert_cc_mlr(tc);
+    tc->last_cca.nmlr = 0;
+    ++prog(tc)->last_seg_idx;
+}
+
+void tsan_reset_local_stats(tsan_t tc)
+{
+    for (size_t i = 0; i < tc->nprogs; ++i) {
+        reset_aval(&tc->pg[i].av_pdts_delta);
+        reset_aval(&tc->pg[i].av_pcr_delta);
+        reset_aval(&tc->pg[i].av_pcr_freq);
+    }
+}
+
+uint64_t tsan_get_pidx(tsan_t tc)
+{
+    return tc->last_pkt_idx;
+}
+
+void tsan_set_pidx(tsan_t tc, uint64_t pidx)
+{
+    LOG_STMT(WARN_level, "[%s] packet index changed from %lu to %lu\n", tc->cfg.source,
+             tc->last_pkt_idx, pidx);
+    tc->last_pkt_idx = pidx;
+}

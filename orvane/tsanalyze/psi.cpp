@@ -1,0 +1,195 @@
+#include "tsanalyze/psi.h"
+
+#include "tsanalyze/bitstream_guarded.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstdlib>
+#include <cstring>
+
+// ---- What the printers call
+
+static char *dvb_string_get(const uint8_t *p_string, size_t i_length, f_iconv pf_iconv,
+                            void *iconv_opaque)
+{
+    char *text = bitstream_dvb_string_get(p_string, i_length, pf_iconv, iconv_opaque);
+    if (text == nullptr)
+        return nullptr;
+    const size_t len = strlen(text);
+    char *visible = static_cast<char *>(malloc(4 * len + 1)); // "\xNN" for one character
+    if (visible == nullptr)
+        return text;
+    char *out = visible;
+    for (const char c : std::span(text, len)) {
+        const unsigned char byte = static_cast<unsigned char>(c);
+        if (iscntrl(byte) != 0)
+            out += snprintf(out, 5, "\\x%02x", byte);
+        else
+            *out++ = c;
+    }
+    *out = '\0';
+    free(text);
+    return visible;
+}
+
+// Character-set callback: the bytes as they are.
+static char *copy_bytes(void * /*opaque*/, const char * /*encoding*/, char *string, size_t length)
+{
+    return strndup(string, length);
+}
+
+// ---- Sections of packets
+
+std::span<const uint8_t> ts_section_bytes(const uint8_t *pkt)
+{
+    size_t start = TS_SIZE;
+    if (ts_has_payload(pkt)) {
+        start = TS_HEADER_SIZE;
+        if (ts_has_adaptation(pkt))
+            start += 1u + ts_get_adaptation(pkt);
+        if (ts_get_unitstart(pkt))
+            start += 1; // the pointer field, not honoured
+    }
+    start = std::min<size_t>(start, TS_SIZE);
+    return {pkt + start, TS_SIZE - start};
+}
+
+psi_section::psi_section(std::span<const uint8_t> bytes)
+{
+    const size_t room = bytes.size() - PSI_HEADER_SIZE;
+    const size_t len = std::min<size_t>(psi_get_length(bytes.data()), room);
+    // A full header, as the packet holds it, even of a section that claims to be shorter.
+    const size_t header = std::min<size_t>(bytes.size(), PMT_HEADER_LEN);
+    std::copy_n(bytes.data(), std::max(len + PSI_HEADER_SIZE, header), data());
+    psi_set_length(data(), static_cast<uint16_t>(len));
+}
+
+unsigned psi_last_section(const psi_section &pld)
+{
+    return psi_get_lastsection(pld.data());
+}
+
+void free_bytes::operator()(uint8_t *bytes) const
+{
+    free(bytes);
+}
+
+section_copy dup_psi_sec(const psi_section &pld)
+{
+    const size_t len = psi_get_length(pld.data());
+    // The comparison reads three bytes more than are kept, every reader a full header.
+    const size_t size = std::max<size_t>(len + PSI_HEADER_SIZE, PSI_HEADER_SIZE_SYNTAX1);
+    section_copy copy(static_cast<uint8_t *>(calloc(size, 1)));
+    if (copy != nullptr)
+        std::copy_n(pld.data(), len, copy.get());
+    return copy;
+}
+
+// ---- Tables
+
+psi_block::~psi_block()
+{
+    psi_table_free(sec);
+}
+
+void add_section(psi_block *table, const psi_section &pld)
+{
+    section_copy copy = dup_psi_sec(pld);
+    table->is_complete = copy != nullptr && psi_table_section(table->sec, copy.release());
+}
+
+// The library's own loop counts in eight bits and would never end at 255.
+bool tables_equal(const psi_block &a, const psi_block &b)
+{
+    const unsigned last = psi_get_lastsection(a.sec[0]);
+    if (last != psi_get_lastsection(b.sec[0]))
+        return false;
+    for (unsigned i = 0; i <= last; ++i)
+        if (!psi_compare(a.sec[i], b.sec[i]))
+            return false;
+    return true;
+}
+
+bool pat_entry_pid(const psi_block &table, unsigned section, unsigned j, uint32_t *pid)
+{
+    uint8_t *sec = table.sec[section];
+    if (sec == nullptr)
+        return false;
+    const uint8_t *entry = pat_get_program(sec, static_cast<uint8_t>(j));
+    if (entry == nullptr)
+        return false;
+    *pid = patn_get_pid(entry);
+    return true;
+}
+
+void print_pat(psi_block *table, FILE *fp)
+{
+    if (table->sec[0] == nullptr)
+        return;
+    if (psi_get_lastsection(table->sec[0]) == 255) { // the printer's loop would never end
+        m_print(fp, "PAT of 256 sections, not shown");
+        return;
+    }
+    pat_table_print(table->sec, m_print, fp, PRINT_TEXT);
+}
+
+// ---- PMTs
+
+pmt_section::pmt_section(std::span<const uint8_t> bytes) : psi_section(bytes)
+{
+    uint8_t *pmt = data();
+    // The library computes the end of the entries in 16 bits: a section too short to have any must
+    // not get below the header.
+    constexpr uint16_t shortest = PMT_HEADER_SIZE - PSI_HEADER_SIZE + PSI_CRC_SIZE;
+    if (psi_get_length(pmt) < shortest)
+        psi_set_length(pmt, shortest);
+    const size_t end = size_t{psi_get_length(pmt)} + PSI_HEADER_SIZE - PSI_CRC_SIZE;
+
+    const size_t info = std::min<size_t>(pmt_get_desclength(pmt), end - PMT_HEADER_SIZE);
+    pmt_set_desclength(pmt, static_cast<uint16_t>(info));
+    for (size_t at = PMT_HEADER_SIZE + info; at < end;) {
+        uint8_t *entry = pmt + at;
+        at += PMT_ES_SIZE;
+        const size_t room = at < end ? end - at : 0;
+        const size_t len = std::min<size_t>(pmtn_get_desclength(entry), room);
+        pmtn_set_desclength(entry, static_cast<uint16_t>(len));
+        at += len;
+    }
+}
+
+uint32_t pmt_pcr_pid(const pmt_section &pmt)
+{
+    return pmt_get_pcrpid(pmt.data());
+}
+
+bool get_pmt_entry(pmt_section *pmt, unsigned j, pmt_entry *entry)
+{
+    const uint8_t *es = pmt_get_es(pmt->data(), static_cast<uint8_t>(j));
+    if (es == nullptr)
+        return false;
+    *entry = {pmtn_get_pid(es), pmtn_get_streamtype(es)};
+    return true;
+}
+
+void print_pmt(pmt_section *pmt, ctxt_spec *text)
+{
+    pmt_print(pmt->data(), add_ctxt_line, text, copy_bytes, nullptr, PRINT_TEXT);
+}
+
+const char *streamtype_text(uint8_t stream_type)
+{
+    return pmt_get_streamtype_txt(stream_type);
+}
+
+// ---- Repeated sections
+
+bool section_image::matches(std::span<const uint8_t> section) const
+{
+    return size_ == section.size() && memcmp(bytes_.data(), section.data(), size_) == 0;
+}
+
+void section_image::remember(std::span<const uint8_t> section)
+{
+    size_ = section.size();
+    std::copy(section.begin(), section.end(), bytes_.begin());
+}

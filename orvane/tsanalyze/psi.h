@@ -1,0 +1,84 @@
+// Tables: sections taken from packets, gathered, compared, read and printed.
+//
+// The only room that touches the table library, which trusts its input. Here nothing is read past
+// the packet a section came in: a section ends at its packet's end at the latest.
+#pragma once
+
+#include "tsanalyze/context.h"
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <span>
+
+enum {
+    PAT_HEADER_LEN = 8,       // ISO/IEC 13818-1, table 2-30
+    PMT_HEADER_LEN = 12,      // table 2-33
+    MAX_SECTION_ENTRIES = 32, // PAT entries read from one section
+    MAX_PMT_ENTRIES = 64,     // PMT entries read from a section
+};
+
+// The bytes from the start of the section in a packet to the packet's end; empty without payload.
+// In a packet that starts a payload unit the section begins behind the pointer field, whose value
+// is not honoured.
+std::span<const uint8_t> ts_section_bytes(const uint8_t *pkt);
+
+// A private copy of a section with room behind it: its length never reaches past the packet, and
+// what lies behind the section is zero, so that a reader misled by a length within the section
+// stays inside the copy.
+class psi_section {
+public:
+    explicit psi_section(std::span<const uint8_t> bytes);
+    uint8_t *data() { return bytes_.data(); }
+    const uint8_t *data() const { return bytes_.data(); }
+
+private:
+    // A packet's bytes, and twice the 255 bytes and the headers that a length field can jump.
+    std::array<uint8_t, 1024> bytes_{};
+};
+
+struct free_bytes {
+    void operator()(uint8_t *bytes) const;
+};
+typedef std::unique_ptr<uint8_t, free_bytes> section_copy;
+
+// A heap copy of a section: section_length bytes from the table_id on, which leaves the last three
+// of the CRC out, deliberately; the rest reads as zero. Null without memory.
+section_copy dup_psi_sec(const psi_section &pld);
+
+unsigned psi_last_section(const psi_section &pld);
+
+// Adds a copy of the section to a table and stores in is_complete whether all sections are there.
+// Without memory the table stays as it is, incomplete.
+void add_section(psi_block *table, const psi_section &pld);
+
+// Whether two complete tables have the same sections.
+bool tables_equal(const psi_block &a, const psi_block &b);
+
+// The PID of the j-th entry of a section held; false past the last entry or without the section.
+bool pat_entry_pid(const psi_block &table, unsigned section, unsigned j, uint32_t *pid);
+
+// Prints a complete PAT to a stream.
+void print_pat(psi_block *table, FILE *fp);
+
+// A PMT section whose information lengths end where its CRC begins.
+class pmt_section : public psi_section {
+public:
+    explicit pmt_section(std::span<const uint8_t> bytes);
+};
+
+struct pmt_entry {
+    uint32_t pid;
+    uint8_t stream_type;
+};
+
+uint32_t pmt_pcr_pid(const pmt_section &pmt);
+
+// The j-th entry of a PMT; false past the last one.
+bool get_pmt_entry(pmt_section *pmt, unsigned j, pmt_entry *entry);
+
+// Prints a PMT into a snapshot.
+void print_pmt(pmt_section *pmt, ctxt_spec *text);
+
+// Name of a stream_type (ISO/IEC 13818-1, table 2-34).
+const char *streamtype_text(uint8_t stream_type);

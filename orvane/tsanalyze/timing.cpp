@@ -1,0 +1,127 @@
+#include "tsanalyze/timing.h"
+
+#include "misc/mstime.h"
+#include "tsanalyze/packet.h"
+
+#include <libtarnlink/log.h>
+#include <libtarnlink/mpegts.h>
+
+#include <algorithm>
+
+namespace {
+
+loglevel_ctx g_llctx;
+
+const char *kind_word(bool is_pts)
+{
+    return is_pts ? "pts" : "dts";
+}
+
+uint64_t stamp_of(const stream_info *si, bool is_pts)
+{
+    return is_pts ? si->last_pts : si->last_dts;
+}
+
+// Distance of two clock values in milliseconds, in either order; the 33-bit wrap is not considered.
+uint32_t distance_ms(uint64_t a, uint64_t b)
+{
+    return pcr_delta_ms(std::min(a, b), std::max(a, b));
+}
+
+void alert_pcr_freq(tsan_ctx *tc, uint64_t pcr, uint64_t delta)
+{
+    program_info *pg = prog(tc);
+    if (!tc->cfg.no_rlog) // the time strings take ticks for milliseconds, intended
+        LOG_STMT(WARN_level, "ALERT PCR-FREQ pid=%u old/new: %lu [%s]/%lu [%s] delta=%lu\n",
+                 pg->pcr_pid, pg->last_pcr, ms_timestr(pg->last_pcr).text, pcr,
+                 ms_timestr(pcr).text, delta);
+    if (tc->cfg.access_log_alerts)
+        log_access("ALERT PCR-FREQ %s %u %lu %lu %lu [%s]\n", tc->cfg.source, pg->pcr_pid,
+                   pg->last_pcr, pcr, delta, tag_text(tc).text);
+    ++pg->alert.pcr_freq;
+}
+
+// The alert of a time stamp too far from the PCR.
+void dump_pcr_diff(tsan_ctx *tc, bool is_pts, uint64_t delta, const stream_info *si)
+{
+    program_info *pg = prog(tc);
+    const tag_string tag = tag_text(tc);
+    const uint64_t s = stamp_of(si, is_pts);
+    const uint64_t p = pg->last_pcr;
+    const char *kind = kind_word(is_pts);
+    char pcr_stype = 'P';
+    uint32_t pcr_pid = pg->pcr_pid;
+    if (pg->pcr_idx >= 0) {
+        const stream_info &carrier = pg->stm[static_cast<size_t>(pg->pcr_idx)];
+        pcr_stype = carrier.stype;
+        pcr_pid = carrier.pid;
+    }
+    if (!tc->cfg.no_rlog) // the kind word follows "pcr:", the PCR's tag "<>"; part of the format
+        LOG_STMT(WARN_level,
+                 "ALERT PCR-DELTA [%s] pcr:%s <> %s:%s %c:pcr(pid%u)/%c:%s(pid%u) = %lu [%s]/ %lu "
+                 "[%s] delta=%lu\n",
+                 tc->cfg.source, kind, tag_text(pg->pcr_ptag).text, tag.text, pcr_stype, pcr_pid,
+                 si->stype, kind, si->pid, p, ticks_timestr(p).text, s, ticks_timestr(s).text,
+                 delta);
+    if (tc->cfg.access_log_alerts)
+        log_access("ALERT PCR-DELTA %s %s %u %lu %u %lu %lu [%s]\n", tc->cfg.source, kind,
+                   pg->pcr_pid, p, si->pid, s, delta, tag.text);
+    ++pg->alert.pcr_delta;
+}
+
+// The alert of a time stamp too far from, or suspiciously near to, the reference stream's.
+void dump_time_info(tsan_ctx *tc, const char *alert, bool is_pts, uint64_t delta,
+                    const stream_info *ref, const stream_info *si)
+{
+    const program_info *pg = prog(tc);
+    const tag_string tag = tag_text(tc);
+    const uint64_t r = stamp_of(ref, is_pts);
+    const uint64_t s = stamp_of(si, is_pts);
+    const char *kind = kind_word(is_pts);
+    if (!tc->cfg.no_rlog)
+        LOG_STMT(WARN_level,
+                 "ALERT %s [%s] %s %c:%s(pid%u)/%c:%s(pid%u) = %lu [%s]/%lu [%s] PCR=%lu [%s], "
+                 "delta=%lu\n",
+                 alert, tc->cfg.source, tag.text, ref->stype, kind, ref->pid, si->stype, kind,
+                 si->pid, r, ticks_timestr(r).text, s, ticks_timestr(s).text, pg->last_pcr,
+                 ticks_timestr(pg->last_pcr).text, delta);
+    if (tc->cfg.access_log_alerts)
+        log_access("ALERT %s %s %s %u %lu %u %lu %lu [%s]\n", alert, tc->cfg.source, kind, ref->pid,
+                   r, si->pid, s, delta, tag.text);
+}
+
+} // namespace
+
+void pcr_freq_check(tsan_ctx *tc, uint64_t pcr)
+{
+    program_info *pg = prog(tc);
+    const uint32_t delta = pcr_delta_ms(pg->last_pcr, pcr);
+    inc_aval(&pg->av_pcr_freq, delta);
+    if (delta > tc->cfg.pcr_freq_ms)
+        alert_pcr_freq(tc, pcr, delta);
+}
+
+void ck_pcr(tsan_ctx *tc, bool is_pts, const stream_info *si)
+{
+    program_info *pg = prog(tc);
+    const uint32_t delta = distance_ms(stamp_of(si, is_pts), pg->last_pcr);
+    inc_aval(&pg->av_pcr_delta, delta);
+    if (delta > tc->cfg.max_pcr_delta)
+        dump_pcr_diff(tc, is_pts, delta, si);
+}
+
+void ck_tstamp(tsan_ctx *tc, bool is_pts, const stream_info *ref, const stream_info *si)
+{
+    program_info *pg = prog(tc);
+    const uint64_t r = stamp_of(ref, is_pts);
+    const uint64_t s = stamp_of(si, is_pts);
+    const uint32_t delta = distance_ms(r, s);
+    inc_aval(&pg->av_pdts_delta, delta);
+    if (delta == 0 && r != s) {
+        dump_time_info(tc, "AV-DELTA0", is_pts, delta, ref, si);
+        ++pg->alert.av_delta0;
+    } else if (delta > tc->cfg.max_pdts_delta) {
+        dump_time_info(tc, "AV-DELTA+", is_pts, delta, ref, si);
+        ++pg->alert.av_deltaplus;
+    }
+}
