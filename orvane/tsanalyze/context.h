@@ -17,8 +17,8 @@
 
 constexpr size_t PID_COUNT = 8192; // PIDs have 13 bits
 
-// What the tag of a packet is made of, taken when the tag is due. The text itself is written only
-// when a line needs it (tag_text).
+// What the tag of a packet is made of. The text itself is written only when a line needs it
+// (tag_text).
 struct packet_tag {
     uint64_t pkt_idx;  // number of the packet
     uint64_t last_pcr; // the programme's last PCR before this packet
@@ -60,6 +60,18 @@ struct cc_info {
     timespec ms0_tm; // monotonic time of the last unexpected zero; all zero: none
 };
 
+// Packet counters of a programme: processed and analysed, of all its streams and by class.
+struct alignas(64) sa_stats {
+    uint64_t pcount;
+    uint64_t acount;
+    uint64_t v_pcount;
+    uint64_t v_acount;
+    uint64_t a_pcount;
+    uint64_t a_acount;
+    uint64_t s_pcount;
+    uint64_t s_acount;
+};
+
 // One elementary stream. What every packet touches stands in the first cache line.
 struct alignas(64) stream_info {
     uint32_t pid;
@@ -67,8 +79,10 @@ struct alignas(64) stream_info {
     uint8_t scode;    // stream_type of the PMT
     bool pts_updated; // a new PTS has arrived and was not checked yet
     bool dts_updated;
-    uint64_t pcount; // packets processed
-    uint64_t acount; // packets analysed
+    uint64_t pcount;                  // packets processed
+    uint64_t acount;                  // packets analysed
+    uint64_t sa_stats::*class_pcount; // the programme's counters of the stream's class
+    uint64_t sa_stats::*class_acount;
     cc_info cc;
     uint64_t last_pts;
     uint64_t last_dts;
@@ -93,18 +107,6 @@ struct gen_alert_count {
     uint64_t lost_sync;
     uint64_t pat_diff;
     uint64_t cc_mlr;
-};
-
-// Packet counters of a programme: processed and analysed, of all its streams and by class.
-struct alignas(64) sa_stats {
-    uint64_t pcount;
-    uint64_t acount;
-    uint64_t v_pcount;
-    uint64_t v_acount;
-    uint64_t a_pcount;
-    uint64_t a_acount;
-    uint64_t s_pcount;
-    uint64_t s_acount;
 };
 
 // One programme.
@@ -158,7 +160,8 @@ struct pid_slot {
 struct tsan_ctx {
     tsan_config cfg;
     dgram_info dat;
-    packet_tag ptag;       // of the current packet
+    packet_tag ptag;       // of the current packet, once kept
+    bool ptag_kept;        // else the tag is what the context's present state gives
     uint64_t last_pkt_idx; // number of the current packet; a host may set it
     uint64_t ptotal;       // packets taken
     uint64_t atotal;       // packets analysed

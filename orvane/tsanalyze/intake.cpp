@@ -80,23 +80,29 @@ static int report_idle_source(const tsan_ctx *tc)
     return SOURCE_IDLES;
 }
 
+// Kept apart: the text it makes has no place on the road of a packet.
+[[gnu::noinline]] static int report_lost_packet_start(const tsan_ctx *tc)
+{
+    LOG_STMT(ERR_level, "%s: [%s] out of sync at %s\n", "tsan_process", tc->cfg.source,
+             tag_text(tc).text);
+    return -1;
+}
+
 int tsan_process(tsan_t tc, const uint8_t *pkt)
 {
-    setup_dat(tc, ts_pid(pkt));
+    const uint32_t pid = ts_pid(pkt);
+    setup_dat(tc, pid);
     if (tc->start_tm.tv_sec == 0 && tc->start_tm.tv_nsec == 0) [[unlikely]]
         set_real_now(&tc->start_tm);
     ++tc->last_pkt_idx;
     ++tc->ptotal;
     mk_ptag(tc);
-    if (pkt[0] != MPEG_TS_SYNC) [[unlikely]] {
-        LOG_STMT(ERR_level, "%s: [%s] out of sync at %s\n", __func__, tc->cfg.source,
-                 tag_text(tc).text);
-        return -1;
-    }
-    const int idx = upsert_pkt_info(tc, pkt);
+    if (pkt[0] != MPEG_TS_SYNC) [[unlikely]]
+        return report_lost_packet_start(tc);
+    const int idx = upsert_pkt_info(tc, pid, pkt);
     if (idx >= 0) {
         mark_processed(tc, idx);
-        if (analyze_pkt(tc, pkt, idx) != 0)
+        if (analyze_pkt(tc, pid, pkt, idx) != 0)
             return -1;
         if (tc->ndat_pcount != 0)
             check_pcount(tc, false);
@@ -134,5 +140,6 @@ void tsan_set_pidx(tsan_t tc, uint64_t pidx)
 {
     LOG_STMT(WARN_level, "[%s] packet index changed from %lu to %lu\n", tc->cfg.source,
              tc->last_pkt_idx, pidx);
+    keep_ptag(tc);
     tc->last_pkt_idx = pidx;
 }

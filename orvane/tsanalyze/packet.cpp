@@ -43,6 +43,37 @@ tag_string tag_text(const packet_tag &tag)
     return tag_str;
 }
 
+static packet_tag current_tag(const tsan_ctx *tc)
+{
+    if (tc->ptag_kept)
+        return tc->ptag;
+    const dgram_info &dat = tc->dat;
+    packet_tag tag{.pkt_idx = tc->last_pkt_idx,
+                   .last_pcr = 0,
+                   .pcr_age = 0,
+                   .ipg = dat.ipg,
+                   .istm = dat.istm,
+                   .is_pat = dat.is_pat,
+                   .is_pmt = dat.is_pmt,
+                   .has_pcr = dat.program != nullptr && dat.program->got_pcr};
+    if (tag.has_pcr) {
+        tag.last_pcr = dat.program->last_pcr;
+        tag.pcr_age = tc->last_pkt_idx - dat.program->pcr_pktnum;
+    }
+    return tag;
+}
+
+tag_string tag_text(const tsan_ctx *tc)
+{
+    return tag_text(current_tag(tc));
+}
+
+void keep_ptag(tsan_ctx *tc)
+{
+    tc->ptag = current_tag(tc);
+    tc->ptag_kept = true;
+}
+
 // ---- Bookkeeping
 
 void take_sdt(tsan_ctx *tc)
@@ -77,9 +108,8 @@ void take_pat(tsan_ctx *tc, const uint8_t *pkt)
     }
 }
 
-void take_pmt(tsan_ctx *tc, const uint8_t *pkt)
+void take_pmt(tsan_ctx *tc, uint32_t pid, const uint8_t *pkt)
 {
-    const uint32_t pid = ts_pid(pkt);
     if (tc->cfg.trk.pat_pmt_pkt)
         LOG_STMT(INFO_level, "[%s] found PMT (pid%u) at %s\n", tc->cfg.source, pid,
                  tag_text(tc).text);
@@ -100,6 +130,7 @@ void take_pcr(tsan_ctx *tc, const uint8_t *pkt)
 {
     program_info *pg = prog(tc);
     const uint64_t pcr = ts_pcr_base(pkt);
+    keep_ptag(tc);
     if (tc->cfg.pcr_freq_ms != 0 && pg->last_pcr != 0)
         pcr_freq_check(tc, pcr);
     pg->last_pcr = pcr;

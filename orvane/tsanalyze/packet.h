@@ -22,28 +22,16 @@ struct tag_string {
     char text[PKTIDX_LEN];
 };
 tag_string tag_text(const packet_tag &tag);
-inline tag_string tag_text(const tsan_ctx *tc)
-{
-    return tag_text(tc->ptag);
-}
+tag_string tag_text(const tsan_ctx *tc); // the current packet's
 
-// Takes down what the current packet's tag is made of: due after it was counted and classified,
-// before anything that logs and before its own PCR is stored.
+// Begins the tag of a packet that was counted and classified. It tells the programme's PCR as it is
+// at this moment; what it is made of is therefore kept before that, or the packet's number, changes
+// (keep_ptag), and read from the context as long as it has not.
 inline void mk_ptag(tsan_ctx *tc)
 {
-    const dgram_info &dat = tc->dat;
-    packet_tag &tag = tc->ptag;
-    tag.pkt_idx = tc->last_pkt_idx;
-    tag.ipg = dat.ipg;
-    tag.istm = dat.istm;
-    tag.is_pat = dat.is_pat;
-    tag.is_pmt = dat.is_pmt;
-    tag.has_pcr = dat.program != nullptr && dat.program->got_pcr;
-    if (tag.has_pcr) {
-        tag.last_pcr = dat.program->last_pcr;
-        tag.pcr_age = tc->last_pkt_idx - dat.program->pcr_pktnum;
-    }
+    tc->ptag_kept = false;
 }
+void keep_ptag(tsan_ctx *tc);
 
 inline uint32_t ts_pid(const uint8_t *pkt)
 {
@@ -77,7 +65,7 @@ inline std::span<const uint8_t> ts_get_payload(const uint8_t *pkt)
 // What is rare on the road stands in packet.cpp.
 void take_sdt(tsan_ctx *tc);
 void take_pat(tsan_ctx *tc, const uint8_t *pkt);
-void take_pmt(tsan_ctx *tc, const uint8_t *pkt);
+void take_pmt(tsan_ctx *tc, uint32_t pid, const uint8_t *pkt);
 void take_pcr(tsan_ctx *tc, const uint8_t *pkt);
 void take_pes_header(tsan_ctx *tc, const uint8_t *pkt);
 void trace_ignored(tsan_ctx *tc, uint32_t pid);
@@ -91,9 +79,8 @@ inline bool pkt_has_pcr(const tsan_ctx *tc, uint32_t pid, const uint8_t *pkt)
 
 // Keeps account of a packet whose first byte is the sync byte: tables, PCR, time stamps. Returns
 // the index of its stream in the current programme, or -1 when it belongs to no known stream.
-inline int upsert_pkt_info(tsan_ctx *tc, const uint8_t *pkt)
+inline int upsert_pkt_info(tsan_ctx *tc, uint32_t pid, const uint8_t *pkt)
 {
-    const uint32_t pid = ts_pid(pkt);
     const int istm = static_cast<int>(tc->dat.istm);
     if (pid == SDT_PID_NUMBER) [[unlikely]] {
         take_sdt(tc);
@@ -102,7 +89,7 @@ inline int upsert_pkt_info(tsan_ctx *tc, const uint8_t *pkt)
     if (tc->dat.is_pat) [[unlikely]] {
         take_pat(tc, pkt);
     } else if (tc->dat.is_pmt) [[unlikely]] {
-        take_pmt(tc, pkt);
+        take_pmt(tc, pid, pkt);
     } else {
         const bool has_pcr = pkt_has_pcr(tc, pid, pkt);
         if (has_pcr) [[unlikely]]
@@ -124,12 +111,7 @@ inline void inc_pkt_stat(tsan_ctx *tc, int idx, bool processed)
     sa_stats &stat = prog(tc)->stat;
     ++(processed ? si.pcount : si.acount);
     ++(processed ? stat.pcount : stat.acount);
-    if (si.stype == 'V')
-        ++(processed ? stat.v_pcount : stat.v_acount);
-    else if (si.stype == 'A')
-        ++(processed ? stat.a_pcount : stat.a_acount);
-    else if (si.stype == 'S')
-        ++(processed ? stat.s_pcount : stat.s_acount);
+    ++(processed ? stat.*si.class_pcount : stat.*si.class_acount);
 }
 
 inline void mark_processed(tsan_ctx *tc, int idx)
@@ -146,7 +128,7 @@ void begin_analysis(tsan_ctx *tc);
 void check_stamps(tsan_ctx *tc, stream_info *si);
 
 // Runs the checks of one packet of stream `idx` of the current programme. Returns 0.
-inline int analyze_pkt(tsan_ctx *tc, const uint8_t *pkt, int idx)
+inline int analyze_pkt(tsan_ctx *tc, uint32_t pid, const uint8_t *pkt, int idx)
 {
     if (prog(tc)->stat.acount == 0) [[unlikely]]
         begin_analysis(tc);
@@ -154,7 +136,6 @@ inline int analyze_pkt(tsan_ctx *tc, const uint8_t *pkt, int idx)
     inc_pkt_stat(tc, idx, false);
     if (!tc->cfg.is_enabled)
         return 0;
-    const uint32_t pid = ts_pid(pkt);
     const bool has_payload = ts_has_payload(pkt);
     if (tc->cfg.cc_track && has_payload)
         cc_track(tc, pid, pkt[3] & 0x0F);

@@ -18,12 +18,6 @@ struct {
     size_t count;
 } g_lost_sync;
 
-// Processed packets of the current programme; 0 without one.
-uint64_t current_pcount(const tsan_ctx *tc)
-{
-    return prog(tc) != nullptr ? prog(tc)->stat.pcount : 0;
-}
-
 void alert_ndat_pcount(tsan_ctx *tc, size_t ip, size_t is, uint32_t pid)
 {
     const tag_string tag = tag_text(tc);
@@ -72,10 +66,8 @@ void reset_ndat_pcount(tsan_ctx *tc)
              tc->ndat_pcount);
 }
 
-void check_pcount(tsan_ctx *tc, bool forced)
+void find_silent_streams(tsan_ctx *tc)
 {
-    if (!forced && current_pcount(tc) < tc->ndat_pcount)
-        return;
     size_t ntracks = 0;
     size_t nsilent = 0;
     for (size_t ip = 0; ip < tc->nprogs; ++ip)
@@ -90,6 +82,7 @@ void check_pcount(tsan_ctx *tc, bool forced)
     if (nsilent > 0) {
         LOG_STMT(WARN_level, "[%s] %zu tracks NOT receiving data\n", tc->cfg.source, nsilent);
         reset_ndat_pcount(tc);
+        // With max_ndat_pcount 0 nothing was armed above; the next packet's check is due at once.
         tc->ndat_pcount = current_pcount(tc) + tc->cfg.max_ndat_pcount;
     } else {
         tc->ndat_pcount = 0;

@@ -8,5 +8,18 @@
 // max_ndat_pcount is 0.
 void reset_ndat_pcount(tsan_ctx *tc);
 
-// Reports the streams that never carried a packet, when the check is due or `forced`.
-void check_pcount(tsan_ctx *tc, bool forced);
+// Processed packets of the current programme; 0 without one.
+inline uint64_t current_pcount(const tsan_ctx *tc)
+{
+    return prog(tc) != nullptr ? prog(tc)->stat.pcount : 0;
+}
+
+// Reports the streams that never carried a packet.
+void find_silent_streams(tsan_ctx *tc);
+
+// The same when the check is due or `forced`.
+inline void check_pcount(tsan_ctx *tc, bool forced)
+{
+    if (forced || current_pcount(tc) >= tc->ndat_pcount)
+        find_silent_streams(tc);
+}
