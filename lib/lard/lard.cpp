@@ -54,15 +54,9 @@ constexpr int NO_GUARD = 22;
 
 typedef char object_name[LARD_MAX_NAME];
 
-size_t page_size()
-{
-    return static_cast<size_t>(sysconf(_SC_PAGESIZE));
-}
+size_t page_size() { return static_cast<size_t>(sysconf(_SC_PAGESIZE)); }
 
-size_t object_length(const lard_dbuf &dbuf)
-{
-    return dbuf.dlen + dbuf.olen + dbuf.zlen;
-}
+size_t object_length(const lard_dbuf &dbuf) { return dbuf.dlen + dbuf.olen + dbuf.zlen; }
 
 // Sets the lengths for a ring of that many pages. False when its object would be larger than any
 // file.
@@ -83,10 +77,7 @@ int make_object_name(object_name &out, const char *name, const char *suffix)
     return snprintf(out, sizeof out, "/%s.%s", name, suffix);
 }
 
-bool name_fits(int n)
-{
-    return n >= 1 && n < LARD_MAX_NAME;
-}
+bool name_fits(int n) { return n >= 1 && n < LARD_MAX_NAME; }
 
 // Makes the names of both objects; false, after a message, when they would be too long.
 bool make_object_names(const char *function, const char *name, object_name &meta, object_name &data)
@@ -358,15 +349,9 @@ lard_t lard_open(const char *name)
     return lc.release();
 }
 
-void lard_close(lard_t lh)
-{
-    free_lctx(lh, false);
-}
+void lard_close(lard_t lh) { free_lctx(lh, false); }
 
-void lard_destroy(lard_t lh)
-{
-    free_lctx(lh, true);
-}
+void lard_destroy(lard_t lh) { free_lctx(lh, true); }
 
 // ---- Writing
 
@@ -466,15 +451,9 @@ ssize_t lard_snapshot(lard_t lh, int fd)
     return writev(fd, pieces, 2);
 }
 
-int32_t lard_get_ctemp(lard_t lh)
-{
-    return std::atomic_ref(lh->meta->sns.sum).load();
-}
+int32_t lard_get_ctemp(lard_t lh) { return std::atomic_ref(lh->meta->sns.sum).load(); }
 
-pid_t lard_owner_pid(lard_t lh)
-{
-    return std::atomic_ref(lh->meta->owner_pid).load();
-}
+pid_t lard_owner_pid(lard_t lh) { return std::atomic_ref(lh->meta->owner_pid).load(); }
 
 bool lard_is_active(lard_t lh, bool *crashed)
 {

@@ -39,20 +39,11 @@ const level_names &names_of(int level)
 
 } // namespace
 
-const char *get_level_tag(int level)
-{
-    return names_of(level).tag;
-}
+const char *get_level_tag(int level) { return names_of(level).tag; }
 
-const char *log_level_str(int level)
-{
-    return names_of(level).name;
-}
+const char *log_level_str(int level) { return names_of(level).name; }
 
-int get_syslog_pri(int level)
-{
-    return names_of(level).priority;
-}
+int get_syslog_pri(int level) { return names_of(level).priority; }
 
 int match_log_level(const char *str, int *level)
 {

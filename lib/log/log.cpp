@@ -42,10 +42,7 @@ void logbuf_reset()
     g_outbuf[0] = '\0';
 }
 
-bool logbuf_empty()
-{
-    return g_outlen == 0;
-}
+bool logbuf_empty() { return g_outlen == 0; }
 
 // Appends `text` and `blanks` blanks. False when they do not fit; the buffer is then unchanged.
 static bool append_piece(const char *text, size_t blanks)
@@ -239,10 +236,7 @@ void log_access(const char *fmt, ...)
 
 // ---- Setting up a log
 
-bool is_standard_stream(const FILE *fp)
-{
-    return fp == stdout || fp == stderr;
-}
+bool is_standard_stream(const FILE *fp) { return fp == stdout || fp == stderr; }
 
 void log_default(log_ctx *log, FILE *fp)
 {
@@ -263,35 +257,20 @@ void log_set_sections(log_ctx *log, int level)
     log->llst.sec_ll_set = 1;
 }
 
-void log_set_pid(log_ctx *log, pid_t pid)
-{
-    log->pid = pid;
-}
+void log_set_pid(log_ctx *log, pid_t pid) { log->pid = pid; }
 
-pid_t log_get_pid(const log_ctx *log)
-{
-    return log->pid;
-}
+pid_t log_get_pid(const log_ctx *log) { return log->pid; }
 
-void log_set_group(log_ctx *log, uint64_t group_id)
-{
-    log->group.num64 = group_id;
-}
+void log_set_group(log_ctx *log, uint64_t group_id) { log->group.num64 = group_id; }
 
-uint64_t log_get_group(const log_ctx *log)
-{
-    return log->group.num64;
-}
+uint64_t log_get_group(const log_ctx *log) { return log->group.num64; }
 
 void log_set_pfx(log_ctx *log, const char *pfx)
 {
     copy_text(log->pfx, sizeof log->pfx, pfx != nullptr ? pfx : "");
 }
 
-void log_timefmt(log_ctx *log, uint32_t flags)
-{
-    log->time_format = flags;
-}
+void log_timefmt(log_ctx *log, uint32_t flags) { log->time_format = flags; }
 
 void log_mirror(log_ctx *log, FILE *fp)
 {
@@ -300,15 +279,9 @@ void log_mirror(log_ctx *log, FILE *fp)
         setvbuf(fp, nullptr, _IOLBF, 0);
 }
 
-FILE *log_fp(const log_ctx *log)
-{
-    return log->fp;
-}
+FILE *log_fp(const log_ctx *log) { return log->fp; }
 
-FILE *log_mirror_fp(const log_ctx *log)
-{
-    return log->mirror_fp;
-}
+FILE *log_mirror_fp(const log_ctx *log) { return log->mirror_fp; }
 
 lard_t log_set_lard(log_ctx *log, lard_t lh)
 {
@@ -352,10 +325,7 @@ void glog_enable_syslog(const char *app)
     config_syslog(&g_log, app, LOG_PID | LOG_CONS, LOG_LOCAL0);
 }
 
-void glog_disable_syslog()
-{
-    disable_syslog(&g_log);
-}
+void glog_disable_syslog() { disable_syslog(&g_log); }
 
 void glog_init(const char *app_tag)
 {

@@ -57,25 +57,13 @@ void log_set_rota(log_ctx *log, size_t maxsize, size_t maxfiles, time_t max_time
     log->rota.max_log_tm = max_time < 1 ? 0 : get_endofday_utime(max_time);
 }
 
-void log_set_eod(log_ctx *log, time_t t)
-{
-    log->rota.max_log_tm = t;
-}
+void log_set_eod(log_ctx *log, time_t t) { log->rota.max_log_tm = t; }
 
-size_t log_rota_maxfiles(const log_ctx *log)
-{
-    return log->rota.max_idx;
-}
+size_t log_rota_maxfiles(const log_ctx *log) { return log->rota.max_idx; }
 
-size_t log_rota_maxsize(const log_ctx *log)
-{
-    return log->rota.max_total;
-}
+size_t log_rota_maxsize(const log_ctx *log) { return log->rota.max_total; }
 
-time_t log_rota_eod(const log_ctx *log)
-{
-    return log->rota.max_log_tm;
-}
+time_t log_rota_eod(const log_ctx *log) { return log->rota.max_log_tm; }
 
 void rotate_if_due(log_ctx *log)
 {

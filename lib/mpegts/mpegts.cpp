@@ -34,10 +34,7 @@ uint64_t calc_pcr_delta(uint64_t first, uint64_t last, int flags)
     return diff;
 }
 
-uint64_t ts_pcr_delta(uint64_t first, uint64_t last)
-{
-    return calc_pcr_delta(first, last, 0);
-}
+uint64_t ts_pcr_delta(uint64_t first, uint64_t last) { return calc_pcr_delta(first, last, 0); }
 
 uint32_t pcr_delta_ms(uint64_t first, uint64_t last)
 {

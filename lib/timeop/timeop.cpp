@@ -39,10 +39,7 @@ clock_reader set_clock_reader(clock_reader reader)
     return previous;
 }
 
-int read_clock(clockid_t clk_id, timespec *tms)
-{
-    return g_clock_reader(clk_id, tms);
-}
+int read_clock(clockid_t clk_id, timespec *tms) { return g_clock_reader(clk_id, tms); }
 
 time_t now_seconds()
 {
@@ -59,20 +56,11 @@ void set_clk_now(timespec *tms, clockid_t clk_id)
     }
 }
 
-void set_real_now(timespec *tms)
-{
-    set_clk_now(tms, CLOCK_REALTIME);
-}
+void set_real_now(timespec *tms) { set_clk_now(tms, CLOCK_REALTIME); }
 
-void set_now(timespec *tms)
-{
-    set_clk_now(tms, CLOCK_MONOTONIC);
-}
+void set_now(timespec *tms) { set_clk_now(tms, CLOCK_MONOTONIC); }
 
-void cpy_timespec(const timespec *src, timespec *dst)
-{
-    *dst = *src;
-}
+void cpy_timespec(const timespec *src, timespec *dst) { *dst = *src; }
 
 // ---- Time-outs
 
@@ -221,15 +209,17 @@ static const calendar_text *calendar_of(time_t sec, bool gmt)
     tm t{};
     g_tmlock = 1;
     const tm *converted = gmt ? gmtime_r(&sec, &t) : localtime_r(&sec, &t);
+    if (converted != nullptr) {
+        c.sec = sec;
+        c.gmt = gmt;
+        c.len = snprintf(c.text, sizeof c.text, "%04ld-%02d-%02d %02d:%02d:%02d", t.tm_year + 1900L,
+                         t.tm_mon + 1, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec);
+    }
     g_tmlock = 0;
     if (converted == nullptr) {
         perror("gmtime_r/localtime_r");
         return nullptr;
     }
-    c.sec = sec;
-    c.gmt = gmt;
-    c.len = snprintf(c.text, sizeof c.text, "%04d-%02d-%02d %02d:%02d:%02d", t.tm_year + 1900,
-                     t.tm_mon + 1, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec);
     return &c;
 }
 
@@ -335,7 +325,7 @@ int mk_gmt_date(time_t ut, char *buf, size_t buflen)
         return -1;
     }
     const int n =
-        snprintf(buf, buflen, "%04d-%02d-%02d", t.tm_year + 1900, t.tm_mon + 1, t.tm_mday);
+        snprintf(buf, buflen, "%04ld-%02d-%02d", t.tm_year + 1900L, t.tm_mon + 1, t.tm_mday);
     if (n < 1 || static_cast<size_t>(n) > buflen) {
         LOG_STMT(ERR_level, "%s: timestamp buffer needs %d bytes, only %ld provided\n", __func__, n,
                  static_cast<long>(buflen));

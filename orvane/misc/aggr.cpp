@@ -22,10 +22,7 @@ void inc_aval(aggr_val *av, uint64_t val)
     av->g_total += val;
 }
 
-void reset_aval(aggr_val *av)
-{
-    av->count = av->total = av->min = av->max = 0;
-}
+void reset_aval(aggr_val *av) { av->count = av->total = av->min = av->max = 0; }
 
 // No guard against an empty aggregate: its average prints as the platform's NaN.
 static double average(uint64_t total, uint64_t count)

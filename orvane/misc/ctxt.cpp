@@ -15,10 +15,7 @@ loglevel_ctx g_llctx;
 constexpr ssize_t MIN_LINE_ROOM = 15; // a line needs more than this
 
 // Room for the next line, one byte for its line feed and one to spare set aside.
-ssize_t room_left(const ctxt_spec *s)
-{
-    return s->buflen - s->textlen - 2;
-}
+ssize_t room_left(const ctxt_spec *s) { return s->buflen - s->textlen - 2; }
 
 } // namespace
 
@@ -47,10 +44,7 @@ void replace_ctxt(ctxt_spec *dest, ctxt_spec *src)
     close_ctxt(src);
 }
 
-bool is_ctxt_full(const ctxt_spec *s)
-{
-    return room_left(s) <= MIN_LINE_ROOM;
-}
+bool is_ctxt_full(const ctxt_spec *s) { return room_left(s) <= MIN_LINE_ROOM; }
 
 void add_ctxt_line(void *opaque, const char *fmt, ...)
 {

@@ -17,7 +17,4 @@ struct ms_text {
 ms_text ms_timestr(uint64_t ms);
 
 // The clock text of a 90 kHz value.
-inline ms_text ticks_timestr(uint64_t ticks)
-{
-    return ms_timestr(ticks / 90);
-}
+inline ms_text ticks_timestr(uint64_t ticks) { return ms_timestr(ticks / 90); }

@@ -118,10 +118,10 @@ struct program_info {
     bool got_pcr;         // a PCR was seen
     uint8_t skip_pmt_out; // wraps; the PMT lines of the STAT report are written when it is 0
     size_t nstreams;
-    ssize_t ref_idx = -1;  // the reference video stream; -1: none
-    ssize_t pcr_idx = -1;  // the stream that carries the PCR; -1: none
-    uint64_t last_seg_idx; // input segments ended
-    std::array<stream_info, MAX_NSTREAMS> stm;
+    ssize_t ref_idx = -1;          // the reference video stream; -1: none
+    ssize_t pcr_idx = -1;          // the stream that carries the PCR; -1: none
+    uint64_t last_seg_idx;         // input segments ended
+    stream_info stm[MAX_NSTREAMS]; // in PMT order
 
     packet_tag pcr_ptag;   // tag of the packet that carried last_pcr
     uint32_t curr_pmt_pid; // PID of the PMT that last added streams
@@ -172,16 +172,13 @@ struct tsan_ctx {
     uint64_t pre_skipped; // packets before the first analysed one
     gen_alert_count gac;
     time_t last_stats_dumped;
-    std::array<uint32_t, MAX_PMTS> pmt_pid;  // in PAT order, ended by a 0 when shorter
-    std::array<pid_slot, PID_COUNT> slot_of; // rebuilt when PAT or PMT change
-    std::array<program_info, MAX_PMTS> pg;   // slot i belongs to pmt_pid[i]
-    psi_block pat;                           // the first complete PAT
-    std::unique_ptr<psi_block> new_pat;      // a later one being gathered
+    uint32_t pmt_pid[MAX_PMTS];         // in PAT order, ended by a 0 when shorter
+    pid_slot slot_of[PID_COUNT];        // rebuilt when PAT or PMT change
+    program_info pg[MAX_PMTS];          // slot i belongs to pmt_pid[i]
+    psi_block pat;                      // the first complete PAT
+    std::unique_ptr<psi_block> new_pat; // a later one being gathered
     section_image quiet_pat;
 };
 
 // The programme of the current packet.
-inline program_info *prog(const tsan_ctx *tc)
-{
-    return tc->dat.program;
-}
+inline program_info *prog(const tsan_ctx *tc) { return tc->dat.program; }

@@ -10,10 +10,7 @@ namespace {
 loglevel_ctx g_llctx;
 
 // Packets lost between two counters, 0 to 15.
-int32_t lost_packets(int last, int cc)
-{
-    return last > cc ? cc - last + 16 : cc - last;
-}
+int32_t lost_packets(int last, int cc) { return last > cc ? cc - last + 16 : cc - last; }
 
 // Whether a loss goes with the latest one: another PID, the same number of packets, the same
 // segment (never segment 0), and no good counter seen in it.

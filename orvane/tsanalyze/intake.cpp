@@ -55,17 +55,22 @@ void tsan_free(tsan_t t)
     const std::unique_ptr<tsan_ctx> owned(t);
 }
 
-// Classifies the current packet by its PID.
-static inline void setup_dat(tsan_ctx *tc, uint32_t pid)
+// Classifies the current packet by its PID. What is returned stays in registers on the packet's
+// road; the fields are stored one by one so that nothing has to be read back.
+static inline dgram_info setup_dat(tsan_ctx *tc, uint32_t pid)
 {
     const pid_slot slot = tc->slot_of[pid];
-    dgram_info &dat = tc->dat;
-    dat.ipg = slot.ipg;
-    dat.istm = slot.istm;
-    dat.is_pat = pid == PAT_PID_NUMBER;
-    dat.is_pmt = slot.ipg >= 0 && slot.istm < 0;
-    dat.program = slot.ipg >= 0 ? &tc->pg[static_cast<size_t>(slot.ipg)] : nullptr;
-    dat.stream = slot.istm >= 0 ? &dat.program->stm[static_cast<size_t>(slot.istm)] : nullptr;
+    program_info *program = slot.ipg >= 0 ? &tc->pg[slot.ipg] : nullptr;
+    stream_info *stream = slot.istm >= 0 ? &program->stm[slot.istm] : nullptr;
+    const bool is_pat = pid == PAT_PID_NUMBER;
+    const bool is_pmt = program != nullptr && stream == nullptr;
+    tc->dat.ipg = slot.ipg;
+    tc->dat.istm = slot.istm;
+    tc->dat.is_pat = is_pat;
+    tc->dat.is_pmt = is_pmt;
+    tc->dat.program = program;
+    tc->dat.stream = stream;
+    return {slot.ipg, slot.istm, is_pat, is_pmt, program, stream};
 }
 
 // Gives the source up: no packet could be analysed for too long.
@@ -90,22 +95,24 @@ static int report_idle_source(const tsan_ctx *tc)
 
 int tsan_process(tsan_t tc, const uint8_t *pkt)
 {
-    const uint32_t pid = ts_pid(pkt);
-    setup_dat(tc, pid);
+    const ts_header header = read_header(pkt);
+    const dgram_info dat = setup_dat(tc, ts_pid(header));
     if (tc->start_tm.tv_sec == 0 && tc->start_tm.tv_nsec == 0) [[unlikely]]
         set_real_now(&tc->start_tm);
     ++tc->last_pkt_idx;
     ++tc->ptotal;
     mk_ptag(tc);
-    if (pkt[0] != MPEG_TS_SYNC) [[unlikely]]
+    if (!ts_is_sync(header)) [[unlikely]]
         return report_lost_packet_start(tc);
-    const int idx = upsert_pkt_info(tc, pid, pkt);
+
+    const int idx = upsert_pkt_info(tc, dat, header, pkt);
     if (idx >= 0) {
-        mark_processed(tc, idx);
-        if (analyze_pkt(tc, pid, pkt, idx) != 0)
+        mark_processed(dat);
+        if (analyze_pkt(tc, dat, header, pkt) != 0)
             return -1;
         if (tc->ndat_pcount != 0)
             check_pcount(tc, false);
+        return 0; // something was analysed: the source does not idle
     }
     if (tc->atotal == 0 && tc->last_pkt_idx >= tc->cfg.max_skip_pkts) [[unlikely]]
         return report_idle_source(tc);
@@ -131,10 +138,7 @@ void tsan_reset_local_stats(tsan_t tc)
     }
 }
 
-uint64_t tsan_get_pidx(tsan_t tc)
-{
-    return tc->last_pkt_idx;
-}
+uint64_t tsan_get_pidx(tsan_t tc) { return tc->last_pkt_idx; }
 
 void tsan_set_pidx(tsan_t tc, uint64_t pidx)
 {

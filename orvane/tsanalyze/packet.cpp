@@ -17,10 +17,7 @@ loglevel_ctx g_llctx;
 constexpr size_t TAG_SIZE = PKTIDX_LEN - 1; // a tag has 62 characters at most
 
 // Cuts the tag to its size; returns the length of what is in the buffer.
-size_t kept(int n, size_t room)
-{
-    return std::min(static_cast<size_t>(n), room - 1);
-}
+size_t kept(int n, size_t room) { return std::min(static_cast<size_t>(n), room - 1); }
 
 } // namespace
 
@@ -63,10 +60,7 @@ static packet_tag current_tag(const tsan_ctx *tc)
     return tag;
 }
 
-tag_string tag_text(const tsan_ctx *tc)
-{
-    return tag_text(current_tag(tc));
-}
+tag_string tag_text(const tsan_ctx *tc) { return tag_text(current_tag(tc)); }
 
 void keep_ptag(tsan_ctx *tc)
 {
@@ -237,7 +231,7 @@ void check_stamps(tsan_ctx *tc, stream_info *si)
     if (tc->cfg.max_pdts_delta == 0 || pg->ref_idx < 0)
         return;
     // A flag that is not cleared here makes the stream's next packet repeat the checks.
-    const stream_info *ref = &pg->stm[static_cast<size_t>(pg->ref_idx)];
+    const stream_info *ref = &pg->stm[pg->ref_idx];
     if (si->pts_updated && ref->last_pts != 0) {
         ck_tstamp(tc, true, ref, si);
         si->pts_updated = false;

@@ -1,7 +1,8 @@
 // The road of one packet: tag, bookkeeping, PES time stamps and the fixed order of checks.
 //
 // It is walked for every packet of a capture: nothing here allocates, formats or reads a clock
-// unless a line is really written.
+// unless a line is really written. The classification is handed along by value, so that the road
+// does not read back what it has just stored.
 #pragma once
 
 #include "tsanalyze/context.h"
@@ -27,36 +28,41 @@ tag_string tag_text(const tsan_ctx *tc); // the current packet's
 // Begins the tag of a packet that was counted and classified. It tells the programme's PCR as it is
 // at this moment; what it is made of is therefore kept before that, or the packet's number, changes
 // (keep_ptag), and read from the context as long as it has not.
-inline void mk_ptag(tsan_ctx *tc)
-{
-    tc->ptag_kept = false;
-}
+inline void mk_ptag(tsan_ctx *tc) { tc->ptag_kept = false; }
 void keep_ptag(tsan_ctx *tc);
 
-inline uint32_t ts_pid(const uint8_t *pkt)
+// The four bytes of a packet's header as one number (ISO/IEC 13818-1, 2.4.3.2), and its fields.
+typedef uint32_t ts_header;
+
+inline ts_header read_header(const uint8_t *pkt)
 {
-    return (pkt[1] & 0x1Fu) << 8 | pkt[2];
+    return uint32_t{pkt[0]} << 24 | uint32_t{pkt[1]} << 16 | uint32_t{pkt[2]} << 8 | pkt[3];
 }
+constexpr bool ts_is_sync(ts_header h) { return h >> 24 == MPEG_TS_SYNC; }
+constexpr bool ts_is_unit_start(ts_header h) { return (h & 0x400000) != 0; }
+constexpr uint32_t ts_pid(ts_header h) { return h >> 8 & 0x1FFF; }
+constexpr bool ts_has_adaptation(ts_header h) { return (h & 0x20) != 0; }
+constexpr int ts_cc(ts_header h) { return static_cast<int>(h & 0x0F); }
 
 // Where the payload begins in the packet; TS_PACKET_SIZE without one, also when the adaptation
 // field reaches the packet's end.
-inline size_t ts_payload_start(const uint8_t *pkt)
+inline size_t ts_payload_start(ts_header h, const uint8_t *pkt)
 {
-    if ((pkt[3] & 0x10) == 0)
+    if ((h & 0x10) == 0) [[unlikely]]
         return TS_PACKET_SIZE;
-    if ((pkt[3] & 0x20) == 0) [[likely]]
+    if (!ts_has_adaptation(h)) [[likely]]
         return 4;
     return std::min<size_t>(5u + pkt[4], TS_PACKET_SIZE);
 }
 
-inline bool ts_has_payload(const uint8_t *pkt)
+inline bool ts_has_payload(ts_header h, const uint8_t *pkt)
 {
-    return ts_payload_start(pkt) < TS_PACKET_SIZE;
+    return ts_payload_start(h, pkt) < TS_PACKET_SIZE;
 }
 
 inline std::span<const uint8_t> ts_get_payload(const uint8_t *pkt)
 {
-    const size_t start = ts_payload_start(pkt);
+    const size_t start = ts_payload_start(read_header(pkt), pkt);
     return {pkt + start, TS_PACKET_SIZE - start};
 }
 
@@ -72,52 +78,46 @@ void trace_ignored(tsan_ctx *tc, uint32_t pid);
 
 // Whether the packet carries a PCR of the current programme. One on a PID that the PMT does not
 // list as a stream is never read.
-inline bool pkt_has_pcr(const tsan_ctx *tc, uint32_t pid, const uint8_t *pkt)
+inline bool pkt_has_pcr(const dgram_info &dat, ts_header h, const uint8_t *pkt)
 {
-    return tc->dat.ipg >= 0 && pid != 0 && pid == prog(tc)->pcr_pid && ts_has_pcr(pkt) != 0;
+    return ts_has_adaptation(h) && ts_pid(h) == dat.program->pcr_pid && ts_has_pcr(pkt) != 0;
 }
 
 // Keeps account of a packet whose first byte is the sync byte: tables, PCR, time stamps. Returns
 // the index of its stream in the current programme, or -1 when it belongs to no known stream.
-inline int upsert_pkt_info(tsan_ctx *tc, uint32_t pid, const uint8_t *pkt)
+inline int upsert_pkt_info(tsan_ctx *tc, const dgram_info &dat, ts_header h, const uint8_t *pkt)
 {
-    const int istm = static_cast<int>(tc->dat.istm);
-    if (pid == SDT_PID_NUMBER) [[unlikely]] {
+    if (ts_pid(h) == SDT_PID_NUMBER) [[unlikely]] {
         take_sdt(tc);
         return -1; // not processed further, even if a PMT lists the PID
     }
-    if (tc->dat.is_pat) [[unlikely]] {
-        take_pat(tc, pkt);
-    } else if (tc->dat.is_pmt) [[unlikely]] {
-        take_pmt(tc, pid, pkt);
-    } else {
-        const bool has_pcr = pkt_has_pcr(tc, pid, pkt);
-        if (has_pcr) [[unlikely]]
+    if (dat.stream != nullptr) [[likely]] {
+        if (pkt_has_pcr(dat, h, pkt)) [[unlikely]]
             take_pcr(tc, pkt);
-        if (istm >= 0) {
-            if ((pkt[1] & 0x40) != 0) [[unlikely]] // a payload unit starts here
-                take_pes_header(tc, pkt);
-        } else if (!has_pcr && tc->cfg.trk.misc_ignore) [[unlikely]] {
-            trace_ignored(tc, pid);
-        }
+        if (ts_is_unit_start(h)) [[unlikely]]
+            take_pes_header(tc, pkt);
+        return static_cast<int>(dat.istm);
     }
-    return istm;
+    if (dat.is_pat)
+        take_pat(tc, pkt);
+    else if (dat.is_pmt)
+        take_pmt(tc, ts_pid(h), pkt);
+    else if (tc->cfg.trk.misc_ignore) [[unlikely]]
+        trace_ignored(tc, ts_pid(h));
+    return -1;
 }
 
-// Adds one packet to the counters of stream `idx` of the current programme and of the programme.
-inline void inc_pkt_stat(tsan_ctx *tc, int idx, bool processed)
+// Adds one packet to the counters of the current stream and of its programme.
+inline void inc_pkt_stat(const dgram_info &dat, bool processed)
 {
-    stream_info &si = prog(tc)->stm[static_cast<size_t>(idx)];
-    sa_stats &stat = prog(tc)->stat;
+    stream_info &si = *dat.stream;
+    sa_stats &stat = dat.program->stat;
     ++(processed ? si.pcount : si.acount);
     ++(processed ? stat.pcount : stat.acount);
     ++(processed ? stat.*si.class_pcount : stat.*si.class_acount);
 }
 
-inline void mark_processed(tsan_ctx *tc, int idx)
-{
-    inc_pkt_stat(tc, idx, true);
-}
+inline void mark_processed(const dgram_info &dat) { inc_pkt_stat(dat, true); }
 
 // ---- Checks
 
@@ -127,23 +127,23 @@ void begin_analysis(tsan_ctx *tc);
 // Checks the fresh time stamps of an audio stream against the PCR and the reference stream.
 void check_stamps(tsan_ctx *tc, stream_info *si);
 
-// Runs the checks of one packet of stream `idx` of the current programme. Returns 0.
-inline int analyze_pkt(tsan_ctx *tc, uint32_t pid, const uint8_t *pkt, int idx)
+// Runs the checks of one packet of the current stream. Returns 0.
+inline int analyze_pkt(tsan_ctx *tc, const dgram_info &dat, ts_header h, const uint8_t *pkt)
 {
-    if (prog(tc)->stat.acount == 0) [[unlikely]]
+    stream_info &si = *dat.stream;
+    if (dat.program->stat.acount == 0) [[unlikely]]
         begin_analysis(tc);
     ++tc->atotal;
-    inc_pkt_stat(tc, idx, false);
-    if (!tc->cfg.is_enabled)
+    inc_pkt_stat(dat, false);
+    if (!tc->cfg.is_enabled) [[unlikely]]
         return 0;
-    const bool has_payload = ts_has_payload(pkt);
+    const bool has_payload = ts_has_payload(h, pkt);
     if (tc->cfg.cc_track && has_payload)
-        cc_track(tc, pid, pkt[3] & 0x0F);
+        cc_track(tc, dat, ts_pid(h), ts_cc(h));
     // The stream that carries the PCR is not timed against itself, and only audio is timed; other
     // streams serve as references alone.
-    stream_info &si = prog(tc)->stm[static_cast<size_t>(idx)];
     if (si.stype == 'A' && (si.pts_updated || si.dts_updated) && has_payload &&
-        pid != prog(tc)->pcr_pid)
+        ts_pid(h) != dat.program->pcr_pid)
         check_stamps(tc, &si);
     return 0;
 }

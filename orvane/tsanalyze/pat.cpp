@@ -30,15 +30,15 @@ ssize_t find_pid(const uint32_t *pids, size_t count, uint32_t pid)
 
 void rebuild_pid_slots(tsan_ctx *tc)
 {
-    tc->slot_of.fill({});
+    std::fill_n(tc->slot_of, PID_COUNT, pid_slot{});
     // Backwards, so that the first to list a PID is the last to write its slot.
     for (size_t ip = tc->nprogs; ip-- > 0;)
         for (size_t is = tc->pg[ip].nstreams; is-- > 0;)
             tc->slot_of[tc->pg[ip].stm[is].pid] = {static_cast<int8_t>(ip),
                                                    static_cast<int8_t>(is)};
-    const ssize_t end = find_pid(tc->pmt_pid.data(), MAX_PMTS, 0);
+    const ssize_t end = find_pid(tc->pmt_pid, MAX_PMTS, 0);
     for (ssize_t i = end < 0 ? ssize_t{MAX_PMTS} : end; i-- > 0;)
-        tc->slot_of[tc->pmt_pid[static_cast<size_t>(i)]] = {static_cast<int8_t>(i), -1};
+        tc->slot_of[tc->pmt_pid[i]] = {static_cast<int8_t>(i), -1};
     tc->slot_of[0] = {}; // the PAT is neither
 }
 
@@ -140,14 +140,14 @@ static size_t drop_missing(tsan_ctx *tc, pid_list *list, size_t old_nprogs)
 static bool merge_PATs(tsan_ctx *tc, const psi_section &pld)
 {
     const size_t old_nprogs = tc->nprogs;
-    const auto *first = tc->pmt_pid.data();
+    const uint32_t *first = tc->pmt_pid;
     pid_list list{{first, first + old_nprogs}, {first, first + old_nprogs}};
     const size_t nadded = append_added(tc, &list, psi_last_section(pld));
     const size_t ndel = drop_missing(tc, &list, old_nprogs);
 
     tc->nprogs = list.pids.size();
     INVARIANT(tc->nprogs < MAX_PMTS);
-    std::copy(list.pids.begin(), list.pids.end(), tc->pmt_pid.begin());
+    std::copy(list.pids.begin(), list.pids.end(), tc->pmt_pid);
     tc->pmt_pid[tc->nprogs] = 0;
     if (nadded == 0 && ndel == 0)
         return false;

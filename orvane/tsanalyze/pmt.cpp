@@ -172,10 +172,7 @@ static void alert_pmt_diff(tsan_ctx *tc, uint32_t pid, const ctxt_spec *s, size_
 }
 
 // For debugging sessions: true takes every PMT for a changed one.
-static bool debug_pmt_cmp(const tsan_ctx * /*tc*/)
-{
-    return false;
-}
+static bool debug_pmt_cmp(const tsan_ctx * /*tc*/) { return false; }
 
 // Prints the section and compares it with the snapshot; on a difference raises the alert and keeps
 // the new text. Returns 1 on a difference, else 0.
@@ -246,7 +243,7 @@ void update_PMT(tsan_ctx *tc, std::span<const uint8_t> bytes, uint32_t pid)
     const std::unique_ptr<stream_info[]> old(new (std::nothrow) stream_info[old_n]);
     if (old == nullptr)
         return;
-    std::copy_n(pg->stm.begin(), old_n, old.get());
+    std::copy_n(pg->stm, old_n, old.get());
     pg->nstreams = 0;
     process_PMT(tc, bytes, pid);
 

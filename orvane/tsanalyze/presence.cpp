@@ -90,7 +90,4 @@ void find_silent_streams(tsan_ctx *tc)
     }
 }
 
-void tsan_check_ndat(tsan_t tc)
-{
-    check_pcount(tc, true);
-}
+void tsan_check_ndat(tsan_t tc) { check_pcount(tc, true); }

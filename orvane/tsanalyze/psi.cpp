@@ -64,15 +64,9 @@ psi_section::psi_section(std::span<const uint8_t> bytes)
     psi_set_length(data(), static_cast<uint16_t>(len));
 }
 
-unsigned psi_last_section(const psi_section &pld)
-{
-    return psi_get_lastsection(pld.data());
-}
+unsigned psi_last_section(const psi_section &pld) { return psi_get_lastsection(pld.data()); }
 
-void free_bytes::operator()(uint8_t *bytes) const
-{
-    free(bytes);
-}
+void free_bytes::operator()(uint8_t *bytes) const { free(bytes); }
 
 section_copy dup_psi_sec(const psi_section &pld)
 {
@@ -87,10 +81,7 @@ section_copy dup_psi_sec(const psi_section &pld)
 
 // ---- Tables
 
-psi_block::~psi_block()
-{
-    psi_table_free(sec);
-}
+psi_block::~psi_block() { psi_table_free(sec); }
 
 void add_section(psi_block *table, const psi_section &pld)
 {
@@ -157,10 +148,7 @@ pmt_section::pmt_section(std::span<const uint8_t> bytes) : psi_section(bytes)
     }
 }
 
-uint32_t pmt_pcr_pid(const pmt_section &pmt)
-{
-    return pmt_get_pcrpid(pmt.data());
-}
+uint32_t pmt_pcr_pid(const pmt_section &pmt) { return pmt_get_pcrpid(pmt.data()); }
 
 bool get_pmt_entry(pmt_section *pmt, unsigned j, pmt_entry *entry)
 {
@@ -176,10 +164,7 @@ void print_pmt(pmt_section *pmt, ctxt_spec *text)
     pmt_print(pmt->data(), add_ctxt_line, text, copy_bytes, nullptr, PRINT_TEXT);
 }
 
-const char *streamtype_text(uint8_t stream_type)
-{
-    return pmt_get_streamtype_txt(stream_type);
-}
+const char *streamtype_text(uint8_t stream_type) { return pmt_get_streamtype_txt(stream_type); }
 
 // ---- Repeated sections
 

@@ -175,10 +175,7 @@ int tsan_xtrack_opt(const char *optstr, tsan_config *cfg)
 
 // ---- The dump
 
-static const char *yes_no(bool flag)
-{
-    return flag ? "yes" : "no";
-}
+static const char *yes_no(bool flag) { return flag ? "yes" : "no"; }
 
 static void dump_thresholds(FILE *stream, const tsan_config *cfg)
 {

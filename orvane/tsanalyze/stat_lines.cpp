@@ -38,7 +38,7 @@ static void log_prg_stats(const tsan_ctx *tc, size_t i)
 // PID of a stream of the programme, or -1 when the index names none.
 static int pid_at(const program_info &pg, ssize_t idx)
 {
-    return idx < 0 ? -1 : static_cast<int>(pg.stm[static_cast<size_t>(idx)].pid);
+    return idx < 0 ? -1 : static_cast<int>(pg.stm[idx].pid);
 }
 
 static void log_prg_deltas(const tsan_ctx *tc, size_t i)

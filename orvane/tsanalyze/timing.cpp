@@ -12,10 +12,7 @@ namespace {
 
 loglevel_ctx g_llctx;
 
-const char *kind_word(bool is_pts)
-{
-    return is_pts ? "pts" : "dts";
-}
+const char *kind_word(bool is_pts) { return is_pts ? "pts" : "dts"; }
 
 uint64_t stamp_of(const stream_info *si, bool is_pts)
 {
@@ -52,7 +49,7 @@ void dump_pcr_diff(tsan_ctx *tc, bool is_pts, uint64_t delta, const stream_info 
     char pcr_stype = 'P';
     uint32_t pcr_pid = pg->pcr_pid;
     if (pg->pcr_idx >= 0) {
-        const stream_info &carrier = pg->stm[static_cast<size_t>(pg->pcr_idx)];
+        const stream_info &carrier = pg->stm[pg->pcr_idx];
         pcr_stype = carrier.stype;
         pcr_pid = carrier.pid;
     }

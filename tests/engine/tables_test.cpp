@@ -13,7 +13,7 @@ namespace {
 
 std::vector<unsigned> pmt_pids(const engine &e)
 {
-    return {e.t->pmt_pid.begin(), e.t->pmt_pid.begin() + static_cast<ssize_t>(e.t->nprogs)};
+    return {e.t->pmt_pid, e.t->pmt_pid + e.t->nprogs};
 }
 
 std::string snapshot(const engine &e)

@@ -121,10 +121,7 @@ inline bool log_emits(const loglevel_ctx &llctx, int level)
 }
 
 // True when a shared-memory log is attached, which receives every statement whatever the levels.
-inline bool lard_enabled(const log_ctx *log)
-{
-    return log->lh != nullptr;
-}
+inline bool lard_enabled(const log_ctx *log) { return log->lh != nullptr; }
 
 // The application-log statement. The calling file has its own `g_llctx`. A statement that is
 // filtered out evaluates none of its arguments.
