@@ -23,8 +23,8 @@ struct packet_tag {
     uint64_t pkt_idx;  // number of the packet
     uint64_t last_pcr; // the programme's last PCR before this packet
     uint64_t pcr_age;  // packets since it
-    ssize_t ipg;
-    ssize_t istm;
+    int16_t ipg;
+    int16_t istm;
     bool is_pat;
     bool is_pmt;
     bool has_pcr; // the programme had a PCR
@@ -72,22 +72,39 @@ struct alignas(64) sa_stats {
     uint64_t s_acount;
 };
 
+struct program_info;
+struct stream_info;
+
+// What the PID of a packet means. One such record stands with each stream and each programme's PMT,
+// and one each for the PAT and for a PID that means nothing.
+struct dgram_info {
+    int16_t ipg = -1;  // programme slot, -1: none
+    int16_t istm = -1; // stream of that programme, -1: none
+    bool is_pat = false;
+    bool is_pmt = false;
+    program_info *program = nullptr;
+    stream_info *stream = nullptr;
+};
+
+// Analysed streams fall in three classes.
+enum stream_class : uint8_t { CLASS_VIDEO, CLASS_AUDIO, CLASS_DATA };
+
 // One elementary stream. What every packet touches stands in the first cache line.
 struct alignas(64) stream_info {
+    dgram_info dat; // what the stream's PID means
     uint32_t pid;
-    char stype;       // 'V' video, 'A' audio, 'S' private-data PES
-    uint8_t scode;    // stream_type of the PMT
+    char stype; // 'V' video, 'A' audio, 'S' private-data PES
+    stream_class sclass;
     bool pts_updated; // a new PTS has arrived and was not checked yet
     bool dts_updated;
-    uint64_t pcount;                  // packets processed
-    uint64_t acount;                  // packets analysed
-    uint64_t sa_stats::*class_pcount; // the programme's counters of the stream's class
-    uint64_t sa_stats::*class_acount;
+    uint64_t pcount; // packets processed
+    uint64_t acount; // packets analysed
     cc_info cc;
     uint64_t last_pts;
     uint64_t last_dts;
     uint64_t pts_pktnum; // packet that carried last_pts
     uint64_t dts_pktnum;
+    uint8_t scode; // stream_type of the PMT
 };
 
 // Alert counters of a programme.
@@ -122,6 +139,7 @@ struct program_info {
     ssize_t pcr_idx = -1;          // the stream that carries the PCR; -1: none
     uint64_t last_seg_idx;         // input segments ended
     stream_info stm[MAX_NSTREAMS]; // in PMT order
+    dgram_info dat_pmt;            // what the programme's PMT PID means
 
     packet_tag pcr_ptag;   // tag of the packet that carried last_pcr
     uint32_t curr_pmt_pid; // PID of the PMT that last added streams
@@ -133,16 +151,6 @@ struct program_info {
     aggr_val av_pcr_freq;   // PCR intervals (ms)
 };
 
-// Classification of the current packet.
-struct dgram_info {
-    ssize_t ipg;  // programme slot, -1: none
-    ssize_t istm; // stream of that programme, -1: none
-    bool is_pat;
-    bool is_pmt;
-    program_info *program;
-    stream_info *stream;
-};
-
 // The latest continuity alert of the source, for the correlation of losses within a segment.
 struct cc_alert_ctx {
     uint64_t seg_idx; // segment of the alert
@@ -151,17 +159,9 @@ struct cc_alert_ctx {
     int32_t nmlr; // correlated losses of the segment; -1: a good counter was seen, no more counting
 };
 
-// What a PID means: a PMT (programme slot alone), a stream (both), or nothing (-1, -1).
-struct pid_slot {
-    int8_t ipg = -1;
-    int8_t istm = -1;
-};
-
 struct tsan_ctx {
     tsan_config cfg;
-    dgram_info dat;
-    packet_tag ptag;       // of the current packet, once kept
-    bool ptag_kept;        // else the tag is what the context's present state gives
+    const dgram_info *dat; // classification of the current packet
     uint64_t last_pkt_idx; // number of the current packet; a host may set it
     uint64_t ptotal;       // packets taken
     uint64_t atotal;       // packets analysed
@@ -173,12 +173,16 @@ struct tsan_ctx {
     gen_alert_count gac;
     time_t last_stats_dumped;
     uint32_t pmt_pid[MAX_PMTS];         // in PAT order, ended by a 0 when shorter
-    pid_slot slot_of[PID_COUNT];        // rebuilt when PAT or PMT change
     program_info pg[MAX_PMTS];          // slot i belongs to pmt_pid[i]
     psi_block pat;                      // the first complete PAT
     std::unique_ptr<psi_block> new_pat; // a later one being gathered
     section_image quiet_pat;
+    packet_tag ptag;  // of the packet with the total number ptag_at
+    uint64_t ptag_at; // not the current one: its tag is what the context's present state gives
+    dgram_info dat_pat{.is_pat = true};
+    dgram_info dat_none;
+    const dgram_info *dat_of[PID_COUNT]; // by PID; rebuilt when PAT or PMT change
 };
 
 // The programme of the current packet.
-inline program_info *prog(const tsan_ctx *tc) { return tc->dat.program; }
+inline program_info *prog(const tsan_ctx *tc) { return tc->dat->program; }

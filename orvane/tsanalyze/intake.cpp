@@ -1,6 +1,7 @@
 // Life cycle of a context, and the intake of one packet.
 
 #include "tsanalyze/packet.h"
+#include "tsanalyze/pat.h"
 #include "tsanalyze/presence.h"
 #include "tsanalyze/psi.h"
 
@@ -35,6 +36,8 @@ tsan_t tsan_init(const char *source, const tsan_config *cfg, int *err)
     if (source != nullptr)
         copy_text(tc->cfg.source, sizeof tc->cfg.source, source);
     tc->ndat_pcount = tc->cfg.max_ndat_pcount;
+    rebuild_pid_slots(tc.get());
+    tc->dat = &tc->dat_none;
     LOG_STMT(DEBUG_level, "%s: tsan[%s] (%p) created\n", __func__, tc->cfg.source,
              static_cast<void *>(tc.get()));
     return tc.release();
@@ -53,24 +56,6 @@ void tsan_free(tsan_t t)
              static_cast<void *>(t));
     t->cfg.source[0] = '\0';
     const std::unique_ptr<tsan_ctx> owned(t);
-}
-
-// Classifies the current packet by its PID. What is returned stays in registers on the packet's
-// road; the fields are stored one by one so that nothing has to be read back.
-static inline dgram_info setup_dat(tsan_ctx *tc, uint32_t pid)
-{
-    const pid_slot slot = tc->slot_of[pid];
-    program_info *program = slot.ipg >= 0 ? &tc->pg[slot.ipg] : nullptr;
-    stream_info *stream = slot.istm >= 0 ? &program->stm[slot.istm] : nullptr;
-    const bool is_pat = pid == PAT_PID_NUMBER;
-    const bool is_pmt = program != nullptr && stream == nullptr;
-    tc->dat.ipg = slot.ipg;
-    tc->dat.istm = slot.istm;
-    tc->dat.is_pat = is_pat;
-    tc->dat.is_pmt = is_pmt;
-    tc->dat.program = program;
-    tc->dat.stream = stream;
-    return {slot.ipg, slot.istm, is_pat, is_pmt, program, stream};
 }
 
 // Gives the source up: no packet could be analysed for too long.
@@ -96,18 +81,17 @@ static int report_idle_source(const tsan_ctx *tc)
 int tsan_process(tsan_t tc, const uint8_t *pkt)
 {
     const ts_header header = read_header(pkt);
-    const dgram_info dat = setup_dat(tc, ts_pid(header));
+    const dgram_info &dat = *tc->dat_of[ts_pid(header)];
+    tc->dat = &dat;
     if (tc->start_tm.tv_sec == 0 && tc->start_tm.tv_nsec == 0) [[unlikely]]
         set_real_now(&tc->start_tm);
     ++tc->last_pkt_idx;
     ++tc->ptotal;
-    mk_ptag(tc);
     if (!ts_is_sync(header)) [[unlikely]]
         return report_lost_packet_start(tc);
 
     const int idx = upsert_pkt_info(tc, dat, header, pkt);
     if (idx >= 0) {
-        mark_processed(dat);
         if (analyze_pkt(tc, dat, header, pkt) != 0)
             return -1;
         if (tc->ndat_pcount != 0)
@@ -144,6 +128,6 @@ void tsan_set_pidx(tsan_t tc, uint64_t pidx)
 {
     LOG_STMT(WARN_level, "[%s] packet index changed from %lu to %lu\n", tc->cfg.source,
              tc->last_pkt_idx, pidx);
-    keep_ptag(tc);
+    mk_ptag(tc);
     tc->last_pkt_idx = pidx;
 }

@@ -29,11 +29,11 @@ tag_string tag_text(const packet_tag &tag)
     if (tag.is_pat)
         n = snprintf(text, TAG_SIZE, "PAT[%lu]", tag.pkt_idx);
     else if (tag.is_pmt)
-        n = snprintf(text, TAG_SIZE, "%zd:M[%lu]", tag.ipg, tag.pkt_idx);
+        n = snprintf(text, TAG_SIZE, "%d:M[%lu]", tag.ipg, tag.pkt_idx);
     else if (tag.ipg == -1)
         n = snprintf(text, TAG_SIZE, "pkt[%lu]", tag.pkt_idx);
     else
-        n = snprintf(text, TAG_SIZE, "%zd:%zd[%lu]", tag.ipg, tag.istm, tag.pkt_idx);
+        n = snprintf(text, TAG_SIZE, "%d:%d[%lu]", tag.ipg, tag.istm, tag.pkt_idx);
     const size_t len = kept(n, TAG_SIZE);
     if (tag.has_pcr)
         snprintf(text + len, TAG_SIZE - len, ":(pcr=%lu)+%lu", tag.last_pcr, tag.pcr_age);
@@ -42,9 +42,9 @@ tag_string tag_text(const packet_tag &tag)
 
 static packet_tag current_tag(const tsan_ctx *tc)
 {
-    if (tc->ptag_kept)
+    if (tc->ptag_at == tc->ptotal)
         return tc->ptag;
-    const dgram_info &dat = tc->dat;
+    const dgram_info &dat = *tc->dat;
     packet_tag tag{.pkt_idx = tc->last_pkt_idx,
                    .last_pcr = 0,
                    .pcr_age = 0,
@@ -60,12 +60,15 @@ static packet_tag current_tag(const tsan_ctx *tc)
     return tag;
 }
 
-tag_string tag_text(const tsan_ctx *tc) { return tag_text(current_tag(tc)); }
+tag_string tag_text(const tsan_ctx *tc)
+{
+    return tc->ptotal == 0 ? tag_string{} : tag_text(current_tag(tc));
+}
 
-void keep_ptag(tsan_ctx *tc)
+void mk_ptag(tsan_ctx *tc)
 {
     tc->ptag = current_tag(tc);
-    tc->ptag_kept = true;
+    tc->ptag_at = tc->ptotal;
 }
 
 // ---- Bookkeeping
@@ -124,7 +127,7 @@ void take_pcr(tsan_ctx *tc, const uint8_t *pkt)
 {
     program_info *pg = prog(tc);
     const uint64_t pcr = ts_pcr_base(pkt);
-    keep_ptag(tc);
+    mk_ptag(tc);
     if (tc->cfg.pcr_freq_ms != 0 && pg->last_pcr != 0)
         pcr_freq_check(tc, pcr);
     pg->last_pcr = pcr;
@@ -208,7 +211,7 @@ void take_pes_header(tsan_ctx *tc, const uint8_t *pkt)
 {
     const auto pes = ts_get_payload(pkt);
     if (is_pes_pkt(pes))
-        update_pts_dts(tc, pes, tc->dat.stream);
+        update_pts_dts(tc, pes, tc->dat->stream);
 }
 
 // ---- Checks

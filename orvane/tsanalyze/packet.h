@@ -25,11 +25,10 @@ struct tag_string {
 tag_string tag_text(const packet_tag &tag);
 tag_string tag_text(const tsan_ctx *tc); // the current packet's
 
-// Begins the tag of a packet that was counted and classified. It tells the programme's PCR as it is
-// at this moment; what it is made of is therefore kept before that, or the packet's number, changes
-// (keep_ptag), and read from the context as long as it has not.
-inline void mk_ptag(tsan_ctx *tc) { tc->ptag_kept = false; }
-void keep_ptag(tsan_ctx *tc);
+// A packet's tag tells the programme's PCR as it was when the packet came. What it is made of is
+// read from the context as long as that has not changed, and taken down just before it does: before
+// the packet's own PCR is stored, or a host changes the packet's number.
+void mk_ptag(tsan_ctx *tc);
 
 // The four bytes of a packet's header as one number (ISO/IEC 13818-1, 2.4.3.2), and its fields.
 typedef uint32_t ts_header;
@@ -107,17 +106,23 @@ inline int upsert_pkt_info(tsan_ctx *tc, const dgram_info &dat, ts_header h, con
     return -1;
 }
 
-// Adds one packet to the counters of the current stream and of its programme.
-inline void inc_pkt_stat(const dgram_info &dat, bool processed)
+// Adds one packet to the counters of its stream and of the stream's programme. A packet of a known
+// stream is always both processed and analysed.
+inline void inc_pkt_stat(const dgram_info &dat)
 {
+    static constexpr uint64_t sa_stats::*PCOUNTS[]{&sa_stats::v_pcount, &sa_stats::a_pcount,
+                                                   &sa_stats::s_pcount};
+    static constexpr uint64_t sa_stats::*ACOUNTS[]{&sa_stats::v_acount, &sa_stats::a_acount,
+                                                   &sa_stats::s_acount};
     stream_info &si = *dat.stream;
     sa_stats &stat = dat.program->stat;
-    ++(processed ? si.pcount : si.acount);
-    ++(processed ? stat.pcount : stat.acount);
-    ++(processed ? stat.*si.class_pcount : stat.*si.class_acount);
+    si.pcount += 1;
+    si.acount += 1;
+    stat.pcount += 1;
+    stat.acount += 1;
+    stat.*PCOUNTS[si.sclass] += 1;
+    stat.*ACOUNTS[si.sclass] += 1;
 }
-
-inline void mark_processed(const dgram_info &dat) { inc_pkt_stat(dat, true); }
 
 // ---- Checks
 
@@ -134,7 +139,7 @@ inline int analyze_pkt(tsan_ctx *tc, const dgram_info &dat, ts_header h, const u
     if (dat.program->stat.acount == 0) [[unlikely]]
         begin_analysis(tc);
     ++tc->atotal;
-    inc_pkt_stat(dat, false);
+    inc_pkt_stat(dat);
     if (!tc->cfg.is_enabled) [[unlikely]]
         return 0;
     const bool has_payload = ts_has_payload(h, pkt);

@@ -30,16 +30,26 @@ ssize_t find_pid(const uint32_t *pids, size_t count, uint32_t pid)
 
 void rebuild_pid_slots(tsan_ctx *tc)
 {
-    std::fill_n(tc->slot_of, PID_COUNT, pid_slot{});
+    std::fill_n(tc->dat_of, PID_COUNT, &tc->dat_none);
     // Backwards, so that the first to list a PID is the last to write its slot.
-    for (size_t ip = tc->nprogs; ip-- > 0;)
-        for (size_t is = tc->pg[ip].nstreams; is-- > 0;)
-            tc->slot_of[tc->pg[ip].stm[is].pid] = {static_cast<int8_t>(ip),
-                                                   static_cast<int8_t>(is)};
+    for (size_t ip = tc->nprogs; ip-- > 0;) {
+        program_info &pg = tc->pg[ip];
+        for (size_t is = pg.nstreams; is-- > 0;) {
+            stream_info &si = pg.stm[is];
+            si.dat = {.ipg = static_cast<int16_t>(ip),
+                      .istm = static_cast<int16_t>(is),
+                      .program = &pg,
+                      .stream = &si};
+            tc->dat_of[si.pid] = &si.dat;
+        }
+    }
     const ssize_t end = find_pid(tc->pmt_pid, MAX_PMTS, 0);
-    for (ssize_t i = end < 0 ? ssize_t{MAX_PMTS} : end; i-- > 0;)
-        tc->slot_of[tc->pmt_pid[i]] = {static_cast<int8_t>(i), -1};
-    tc->slot_of[0] = {}; // the PAT is neither
+    for (ssize_t i = end < 0 ? ssize_t{MAX_PMTS} : end; i-- > 0;) {
+        program_info &pg = tc->pg[i];
+        pg.dat_pmt = {.ipg = static_cast<int16_t>(i), .is_pmt = true, .program = &pg};
+        tc->dat_of[tc->pmt_pid[i]] = &pg.dat_pmt;
+    }
+    tc->dat_of[PAT_PID_NUMBER] = &tc->dat_pat;
 }
 
 void process_PAT(tsan_ctx *tc, std::span<const uint8_t> bytes)

@@ -57,21 +57,9 @@ static void choose_reference(tsan_ctx *tc, ssize_t idx, char stype, uint32_t pid
     }
 }
 
-static void set_class_counters(stream_info *si)
+static stream_class class_of(char stype)
 {
-    switch (si->stype) {
-    case 'V':
-        si->class_pcount = &sa_stats::v_pcount;
-        si->class_acount = &sa_stats::v_acount;
-        break;
-    case 'A':
-        si->class_pcount = &sa_stats::a_pcount;
-        si->class_acount = &sa_stats::a_acount;
-        break;
-    default:
-        si->class_pcount = &sa_stats::s_pcount;
-        si->class_acount = &sa_stats::s_acount;
-    }
+    return stype == 'V' ? CLASS_VIDEO : stype == 'A' ? CLASS_AUDIO : CLASS_DATA;
 }
 
 int add_stream(tsan_ctx *tc, uint32_t pid, uint8_t scode)
@@ -94,7 +82,7 @@ int add_stream(tsan_ctx *tc, uint32_t pid, uint8_t scode)
     si.pid = pid;
     si.stype = stype;
     si.scode = scode;
-    set_class_counters(&si);
+    si.sclass = class_of(stype);
     si.last_pts = 0;
     si.last_dts = 0;
     si.cc = {.value = -1, .ms0_tm = {}};
