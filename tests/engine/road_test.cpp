@@ -97,7 +97,7 @@ TEST(road, a_pid_means_its_first_pmt_slot_then_the_first_stream)
         else
             e.c.packet(want.pid, {.has_payload = false});
         e.feed();
-        const dgram_info &dat = e.t->dat;
+        const dgram_info &dat = *e.t->dat;
         EXPECT_EQ(dat.ipg, want.ipg) << want.pid;
         EXPECT_EQ(dat.istm, want.istm) << want.pid;
         EXPECT_EQ(dat.is_pat, want.is_pat) << want.pid;

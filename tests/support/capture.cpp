@@ -6,10 +6,7 @@
 
 namespace {
 
-uint8_t low8(uint64_t value)
-{
-    return static_cast<uint8_t>(value & 0xff);
-}
+uint8_t low8(uint64_t value) { return static_cast<uint8_t>(value & 0xff); }
 
 void put16(octets *out, unsigned value)
 {
@@ -17,10 +14,7 @@ void put16(octets *out, unsigned value)
     out->push_back(low8(value));
 }
 
-void append(octets *out, const octets &data)
-{
-    out->insert(out->end(), data.begin(), data.end());
-}
+void append(octets *out, const octets &data) { out->insert(out->end(), data.begin(), data.end()); }
 
 // A length or PID field behind reserved bits, and what follows it.
 void put_block(octets *out, const octets &data)
@@ -168,15 +162,9 @@ void capture_builder::pcr(unsigned pid, uint64_t value)
     packet(pid, {.has_payload = false, .pcr = value, .adaptation = 183});
 }
 
-void capture_builder::null(int count)
-{
-    payload(0x1fff, count);
-}
+void capture_builder::null(int count) { payload(0x1fff, count); }
 
-void capture_builder::raw(const octets &data)
-{
-    append(&m_data, data);
-}
+void capture_builder::raw(const octets &data) { append(&m_data, data); }
 
 void capture_builder::write_file(const std::string &path) const
 {

@@ -29,21 +29,15 @@ constexpr unsigned MAX_SECONDS = 60;
     _exit(127);
 }
 
-// Starts a process that writes `input` into a pipe. Returns the pipe's reading end.
-int start_feeder(const std::string &input, pid_t *feeder)
+// A pipe that holds `input`, which must not be longer than a pipe can be. Returns the reading end.
+int filled_pipe(const std::string &input)
 {
     int fds[2];
-    if (pipe2(fds, O_CLOEXEC) != 0)
-        throw std::runtime_error("pipe2");
-    *feeder = fork();
-    if (*feeder == 0) {
-        close(fds[0]);
-        signal(SIGPIPE, SIG_DFL);
-        for (size_t done = 0; done < input.size();)
-            done += static_cast<size_t>(write(fds[1], input.data() + done, input.size() - done));
-        _exit(0);
-    }
+    if (pipe2(fds, O_CLOEXEC | O_NONBLOCK) != 0 || fcntl(fds[1], F_SETPIPE_SZ, 1 << 20) < 0 ||
+        write(fds[1], input.data(), input.size()) != static_cast<ssize_t>(input.size()))
+        throw std::runtime_error("the input does not fit a pipe");
     close(fds[1]);
+    fcntl(fds[0], F_SETFL, 0); // blocking
     return fds[0];
 }
 
@@ -61,7 +55,7 @@ process::process(const std::vector<std::string> &args, const run_options &option
 {
     for (const int fd : {m_out, m_err}) // writers append, whatever the position of the readers
         fcntl(fd, F_SETFL, O_APPEND);
-    const int in = start_feeder(options.input, &m_feeder);
+    const int in = filled_pipe(options.input);
     m_pid = fork();
     if (m_pid == 0)
         exec_program(args, options, in, m_out, m_err);
@@ -74,8 +68,6 @@ process::~process()
         send(SIGKILL);
         wait();
     }
-    kill(m_feeder, SIGKILL);
-    waitpid(m_feeder, nullptr, 0);
     close(m_out);
     close(m_err);
 }

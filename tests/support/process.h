@@ -8,7 +8,7 @@
 
 struct run_options {
     std::vector<std::string> env{}; // "NAME=VALUE", over the environment of the tests
-    std::string input{};            // what a pipe on standard input brings
+    std::string input{};            // what a pipe on standard input brings: 1 MB at most
 };
 
 struct run_result {
@@ -37,7 +37,6 @@ private:
     bool ended();
 
     pid_t m_pid = -1;
-    pid_t m_feeder = -1; // writes standard input
     int m_out = -1;
     int m_err = -1;
     int m_status = 0;
