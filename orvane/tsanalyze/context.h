@@ -93,7 +93,9 @@ enum stream_class : uint8_t { CLASS_VIDEO, CLASS_AUDIO, CLASS_DATA };
 struct alignas(64) stream_info {
     dgram_info dat; // what the stream's PID means
     uint32_t pid;
-    char stype; // 'V' video, 'A' audio, 'S' private-data PES
+    uint32_t
+        next_plain; // header of the stream's next packet if that is plain; 0: take any as it is
+    char stype;     // 'V' video, 'A' audio, 'S' private-data PES
     stream_class sclass;
     bool pts_updated; // a new PTS has arrived and was not checked yet
     bool dts_updated;

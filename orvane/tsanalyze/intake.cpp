@@ -78,29 +78,81 @@ static int report_idle_source(const tsan_ctx *tc)
     return -1;
 }
 
+// ---- The intake
+//
+// Most packets are plain: they continue a payload unit of a stream whose latest packet left nothing
+// to be checked again, without adaptation field, and their counter is in sequence. All of that is
+// one comparison with the header expected; what is left to do is to count. Others mean nothing to
+// anyone, above all null packets. The rest walks the whole road, which has the same effect on these
+// two kinds as well.
+
+// The header a stream's next packet has if it is plain; 0, which no packet begins with, when the
+// next one must walk the whole road.
+static ts_header plain_header_after(const tsan_ctx *tc, const dgram_info &dat, ts_header h)
+{
+    const stream_info &si = *dat.stream;
+    const bool repeats_checks = si.stype == 'A' && (si.pts_updated || si.dts_updated);
+    if (!tc->cfg.is_enabled || !tc->cfg.cc_track || tc->cfg.trk.cc_track || repeats_checks ||
+        !ts_has_payload_only(h))
+        return 0;
+    return ts_continued(h);
+}
+
+static inline void count_plain_packet(tsan_ctx *tc, sa_stats *stat, stream_info *si, ts_header h)
+{
+    ++tc->atotal;
+    inc_pkt_stat(stat, si);
+    tc->last_cca.nmlr = -1;
+    si->cc.value = ts_cc(h);
+    si->next_plain = ts_continued(h);
+}
+
+// Whether there is nothing to do about a packet of an unknown PID.
+static inline bool means_nothing(const tsan_ctx *tc, ts_header h)
+{
+    return ts_is_sync(h) && ts_pid(h) != SDT_PID_NUMBER && tc->atotal != 0 &&
+           !tc->cfg.trk.misc_ignore;
+}
+
+// Ends the road of an analysed packet.
+[[gnu::noinline]] static int check_silence(tsan_ctx *tc)
+{
+    check_pcount(tc, false);
+    return 0;
+}
+
+[[gnu::noinline]] static int process_packet(tsan_ctx *tc, const dgram_info &dat, ts_header h,
+                                            const uint8_t *pkt)
+{
+    if (tc->start_tm.tv_sec == 0 && tc->start_tm.tv_nsec == 0) [[unlikely]]
+        set_real_now(&tc->start_tm);
+    if (!ts_is_sync(h)) [[unlikely]]
+        return report_lost_packet_start(tc);
+    if (upsert_pkt_info(tc, dat, h, pkt) >= 0) {
+        if (analyze_pkt(tc, dat, h, pkt) != 0)
+            return -1;
+        dat.stream->next_plain = plain_header_after(tc, dat, h);
+        return tc->ndat_pcount != 0 ? check_silence(tc) : 0; // analysed, so the source is not idle
+    }
+    if (tc->atotal == 0 && tc->last_pkt_idx >= tc->cfg.max_skip_pkts) [[unlikely]]
+        return report_idle_source(tc);
+    return 0;
+}
+
 int tsan_process(tsan_t tc, const uint8_t *pkt)
 {
     const ts_header header = read_header(pkt);
     const dgram_info &dat = *tc->dat_of[ts_pid(header)];
     tc->dat = &dat;
-    if (tc->start_tm.tv_sec == 0 && tc->start_tm.tv_nsec == 0) [[unlikely]]
-        set_real_now(&tc->start_tm);
     ++tc->last_pkt_idx;
     ++tc->ptotal;
-    if (!ts_is_sync(header)) [[unlikely]]
-        return report_lost_packet_start(tc);
-
-    const int idx = upsert_pkt_info(tc, dat, header, pkt);
-    if (idx >= 0) {
-        if (analyze_pkt(tc, dat, header, pkt) != 0)
-            return -1;
-        if (tc->ndat_pcount != 0)
-            check_pcount(tc, false);
-        return 0; // something was analysed: the source does not idle
+    if (stream_info *si = dat.stream; si != nullptr && header == si->next_plain) {
+        count_plain_packet(tc, &dat.program->stat, si, header);
+        return tc->ndat_pcount != 0 ? check_silence(tc) : 0;
     }
-    if (tc->atotal == 0 && tc->last_pkt_idx >= tc->cfg.max_skip_pkts) [[unlikely]]
-        return report_idle_source(tc);
-    return 0;
+    if (&dat == &tc->dat_none && means_nothing(tc, header))
+        return 0;
+    return process_packet(tc, dat, header, pkt);
 }
 
 void tsan_next_seg(tsan_t tc)

@@ -43,6 +43,15 @@ constexpr uint32_t ts_pid(ts_header h) { return h >> 8 & 0x1FFF; }
 constexpr bool ts_has_adaptation(ts_header h) { return (h & 0x20) != 0; }
 constexpr int ts_cc(ts_header h) { return static_cast<int>(h & 0x0F); }
 
+// Whether the header says payload and no adaptation field.
+constexpr bool ts_has_payload_only(ts_header h) { return (h & 0x30) == 0x10; }
+
+// The header of a packet that follows in sequence and starts no payload unit.
+constexpr ts_header ts_continued(ts_header h)
+{
+    return (h & ~ts_header{0x40000F}) | ((h + 1) & 0x0F);
+}
+
 // Where the payload begins in the packet; TS_PACKET_SIZE without one, also when the adaptation
 // field reaches the packet's end.
 inline size_t ts_payload_start(ts_header h, const uint8_t *pkt)
@@ -106,22 +115,28 @@ inline int upsert_pkt_info(tsan_ctx *tc, const dgram_info &dat, ts_header h, con
     return -1;
 }
 
+// The counters of a class of streams.
+struct class_counters {
+    uint64_t sa_stats::*pcount;
+    uint64_t sa_stats::*acount;
+};
+constexpr class_counters COUNTERS_OF[]{
+    {&sa_stats::v_pcount, &sa_stats::v_acount}, // CLASS_VIDEO
+    {&sa_stats::a_pcount, &sa_stats::a_acount}, // CLASS_AUDIO
+    {&sa_stats::s_pcount, &sa_stats::s_acount}, // CLASS_DATA
+};
+
 // Adds one packet to the counters of its stream and of the stream's programme. A packet of a known
 // stream is always both processed and analysed.
-inline void inc_pkt_stat(const dgram_info &dat)
+inline void inc_pkt_stat(sa_stats *stat, stream_info *si)
 {
-    static constexpr uint64_t sa_stats::*PCOUNTS[]{&sa_stats::v_pcount, &sa_stats::a_pcount,
-                                                   &sa_stats::s_pcount};
-    static constexpr uint64_t sa_stats::*ACOUNTS[]{&sa_stats::v_acount, &sa_stats::a_acount,
-                                                   &sa_stats::s_acount};
-    stream_info &si = *dat.stream;
-    sa_stats &stat = dat.program->stat;
-    si.pcount += 1;
-    si.acount += 1;
-    stat.pcount += 1;
-    stat.acount += 1;
-    stat.*PCOUNTS[si.sclass] += 1;
-    stat.*ACOUNTS[si.sclass] += 1;
+    const class_counters &of_class = COUNTERS_OF[si->sclass];
+    si->pcount += 1;
+    si->acount += 1;
+    stat->pcount += 1;
+    stat->acount += 1;
+    stat->*of_class.pcount += 1;
+    stat->*of_class.acount += 1;
 }
 
 // ---- Checks
@@ -139,7 +154,7 @@ inline int analyze_pkt(tsan_ctx *tc, const dgram_info &dat, ts_header h, const u
     if (dat.program->stat.acount == 0) [[unlikely]]
         begin_analysis(tc);
     ++tc->atotal;
-    inc_pkt_stat(dat);
+    inc_pkt_stat(&dat.program->stat, &si);
     if (!tc->cfg.is_enabled) [[unlikely]]
         return 0;
     const bool has_payload = ts_has_payload(h, pkt);

@@ -80,6 +80,7 @@ int add_stream(tsan_ctx *tc, uint32_t pid, uint8_t scode)
     // The other fields stay as the slot holds them, deliberately.
     stream_info &si = pg->stm[idx];
     si.pid = pid;
+    si.next_plain = 0;
     si.stype = stype;
     si.scode = scode;
     si.sclass = class_of(stype);
