@@ -76,7 +76,7 @@ int cmp_ctxt(const ctxt_spec *a, const ctxt_spec *b)
 
 void dump_ctxt(FILE *fp, const char *msg, const ctxt_spec *s)
 {
-    if (s->buf == nullptr || s->textlen <= 0)
+    if (fp == nullptr || s->buf == nullptr || s->textlen <= 0)
         return;
     if (msg != nullptr)
         fprintf(fp, "%s\n", msg);

@@ -31,8 +31,8 @@ bool is_ctxt_full(const ctxt_spec *s);
 // 0 when the texts are equal, or equally long and one of them is closed.
 int cmp_ctxt(const ctxt_spec *a, const ctxt_spec *b);
 
-// Writes the text, after `msg` (may be null) on a line of its own, to a stream. Nothing at all is
-// written for an empty one.
+// Writes the text, after `msg` (may be null) on a line of its own, to a stream (null: nowhere).
+// Nothing at all is written for an empty one.
 void dump_ctxt(FILE *fp, const char *msg, const ctxt_spec *s);
 
 // Print callback: writes one line of at most 126 characters to the stream behind `opaque`.

@@ -115,7 +115,7 @@ bool pat_entry_pid(const psi_block &table, unsigned section, unsigned j, uint32_
 
 void print_pat(psi_block *table, FILE *fp)
 {
-    if (table->sec[0] == nullptr)
+    if (fp == nullptr || table->sec[0] == nullptr)
         return;
     if (psi_get_lastsection(table->sec[0]) == 255) { // the printer's loop would never end
         m_print(fp, "PAT of 256 sections, not shown");
