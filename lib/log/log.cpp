@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
@@ -107,10 +108,12 @@ static bool append_pid(const log_ctx *log)
     if (log->pid < 1)
         return true;
     char text[24];
-    const int n = snprintf(text, sizeof text, "%lu", static_cast<unsigned long>(log->pid));
+    const char *end = std::to_chars(text, text + sizeof text - 1, log->pid).ptr;
+    text[end - text] = '\0';
     if (append_piece(text, 2))
         return true;
-    fprintf(stderr, "%s: pid buffer error (n=%d)", "logbuf_prepare", n + 1);
+    fprintf(stderr, "%s: pid buffer error (n=%d)", "logbuf_prepare",
+            static_cast<int>(end - text) + 1);
     return false;
 }
 

@@ -8,7 +8,8 @@
 #include <libtarnlink/log.h>
 
 #include <algorithm>
-#include <cstdio>
+#include <charconv>
+#include <string_view>
 
 namespace {
 
@@ -16,28 +17,61 @@ loglevel_ctx g_llctx;
 
 constexpr size_t TAG_SIZE = PKTIDX_LEN - 1; // a tag has 62 characters at most
 
-// Cuts the tag to its size; returns the length of what is in the buffer.
-size_t kept(int n, size_t room) { return std::min(static_cast<size_t>(n), room - 1); }
+// A tag is made for every alert: its pieces are put together without the formatter.
+struct tag_writer {
+    char *at;
+    char *end; // where the terminating zero must stand at the latest
+
+    void put(std::string_view piece)
+    {
+        const size_t len = std::min(piece.size(), static_cast<size_t>(end - at));
+        at = std::copy_n(piece.begin(), len, at);
+    }
+    void put(uint64_t number)
+    {
+        char digits[20];
+        const auto last = std::to_chars(digits, digits + sizeof digits, number);
+        put({digits, static_cast<size_t>(last.ptr - digits)});
+    }
+    void put(int16_t index)
+    {
+        if (index < 0)
+            put("-1");
+        else
+            put(static_cast<uint64_t>(index));
+    }
+};
 
 } // namespace
 
+// PAT[n], 0:M[n], pkt[n] or 0:1[n], then :(pcr=ticks)+packets
 tag_string tag_text(const packet_tag &tag)
 {
-    tag_string tag_str;
-    char *text = tag_str.text;
-    int n = 0;
-    if (tag.is_pat)
-        n = snprintf(text, TAG_SIZE, "PAT[%lu]", tag.pkt_idx);
-    else if (tag.is_pmt)
-        n = snprintf(text, TAG_SIZE, "%d:M[%lu]", tag.ipg, tag.pkt_idx);
-    else if (tag.ipg == -1)
-        n = snprintf(text, TAG_SIZE, "pkt[%lu]", tag.pkt_idx);
-    else
-        n = snprintf(text, TAG_SIZE, "%d:%d[%lu]", tag.ipg, tag.istm, tag.pkt_idx);
-    const size_t len = kept(n, TAG_SIZE);
-    if (tag.has_pcr)
-        snprintf(text + len, TAG_SIZE - len, ":(pcr=%lu)+%lu", tag.last_pcr, tag.pcr_age);
-    return tag_str;
+    tag_string result;
+    tag_writer out{result.text, result.text + TAG_SIZE - 1};
+    if (tag.is_pat) {
+        out.put("PAT[");
+    } else if (tag.ipg == -1) {
+        out.put("pkt[");
+    } else {
+        out.put(tag.ipg);
+        out.put(":");
+        if (tag.is_pmt)
+            out.put("M");
+        else
+            out.put(tag.istm);
+        out.put("[");
+    }
+    out.put(tag.pkt_idx);
+    out.put("]");
+    if (tag.has_pcr) {
+        out.put(":(pcr=");
+        out.put(tag.last_pcr);
+        out.put(")+");
+        out.put(tag.pcr_age);
+    }
+    *out.at = '\0';
+    return result;
 }
 
 static packet_tag current_tag(const tsan_ctx *tc)
