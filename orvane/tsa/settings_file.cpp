@@ -67,7 +67,9 @@ file_fault check_includes(const std::string &text, int depth, size_t *budget)
         if (sscanf(line.c_str(), " @include \"%4095[^\"]\"", path) != 1)
             continue;
         const file_ptr fp(fopen(path, "r"));
-        if (fp == nullptr || depth >= MAX_INCLUDE_DEPTH)
+        if (fp == nullptr)
+            continue; // the parser says so, unless it stands in a comment
+        if (depth >= MAX_INCLUDE_DEPTH)
             return {number, 0};
         std::string included;
         if (const int error = read_text(fp.get(), &included, budget); error != 0)

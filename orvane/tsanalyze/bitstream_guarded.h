@@ -1,15 +1,15 @@
 // The table library's headers with the places replaced where a crafted descriptor would hang a
-// reader or bring control characters into a log. Included by the tables' room alone.
+// reader. Included by the tables' room alone.
 //
-// Some validators add up the sizes of a descriptor's elements in eight bits and never end when a
-// sum comes to 0 modulo 256. Such a descriptor is not valid; the guards below say so before the
-// library's own validator runs.
+// Some validators add up the sizes of a descriptor's elements in eight bits: they never end when a
+// size comes to 0 modulo 256, and take for valid what prints tens of thousands of lines when it
+// comes to 1. An element that is larger than what is left of its descriptor is not valid; the
+// guards below say so before the library's own validator runs.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 
-#define dvb_string_get bitstream_dvb_string_get
 #define desc45_validate bitstream_desc45_validate
 #define desc51_validate bitstream_desc51_validate
 #define desc5b_validate bitstream_desc5b_validate
@@ -20,12 +20,6 @@
 #include <bitstream/common.h>
 #include <bitstream/mpeg/psi/descriptors.h>
 
-#include <bitstream/dvb/si/numbers.h>
-#include <bitstream/dvb/si/strings.h>
-#undef dvb_string_get
-// Returns the text of a descriptor with its control characters made visible; memory of malloc.
-static inline char *dvb_string_get(const uint8_t *p_string, size_t i_length, f_iconv pf_iconv,
-                                   void *iconv_opaque);
 #include <bitstream/dvb/si/desc_45.h>
 #include <bitstream/dvb/si/desc_51.h>
 #include <bitstream/dvb/si/desc_5b.h>
@@ -34,6 +28,8 @@ static inline char *dvb_string_get(const uint8_t *p_string, size_t i_length, f_i
 #include <bitstream/dvb/si/desc_5e.h>
 #include <bitstream/dvb/si/desc_6c.h>
 #include <bitstream/dvb/si/desc_6d.h>
+#include <bitstream/dvb/si/numbers.h>
+#include <bitstream/dvb/si/strings.h>
 #undef desc45_validate
 #undef desc51_validate
 #undef desc5b_validate
@@ -42,16 +38,16 @@ static inline char *dvb_string_get(const uint8_t *p_string, size_t i_length, f_i
 #undef desc6c_validate
 #undef desc6d_validate
 
-// Walks the elements of a descriptor as its validator does; false when an element would have no
-// size. `element_size` gives an element's size before it is cut to eight bits.
+// Walks the elements of a descriptor as its validator does; false when one would reach past the
+// end. `element_size` gives an element's size before it is cut to eight bits.
 template <typename SizeOf>
-static bool elements_advance(const uint8_t *desc, size_t header, SizeOf element_size)
+static bool elements_fit(const uint8_t *desc, size_t header, SizeOf element_size)
 {
     const uint8_t *element = desc + header;
     int left = desc_get_length(desc) - static_cast<int>(header - DESC_HEADER_SIZE);
     while (left > 0) {
-        const uint8_t size = static_cast<uint8_t>(element_size(element));
-        if (size == 0)
+        const int size = static_cast<int>(element_size(element));
+        if (size > left)
             return false;
         left -= size;
         element += size;
@@ -84,8 +80,7 @@ static inline unsigned service_name_size(const uint8_t *element)
 #define GUARDED_VALIDATOR(id, header, size)                                                        \
     static inline bool desc##id##_validate(const uint8_t *desc)                                    \
     {                                                                                              \
-        return elements_advance(desc, header,                                                      \
-                                [](const uint8_t *e) -> unsigned { return size; }) &&              \
+        return elements_fit(desc, header, [](const uint8_t *e) -> unsigned { return size; }) &&    \
                bitstream_desc##id##_validate(desc);                                                \
     }
 

@@ -4,38 +4,39 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 
 // ---- What the printers call
 
-static char *dvb_string_get(const uint8_t *p_string, size_t i_length, f_iconv pf_iconv,
-                            void *iconv_opaque)
-{
-    char *text = bitstream_dvb_string_get(p_string, i_length, pf_iconv, iconv_opaque);
-    if (text == nullptr)
-        return nullptr;
-    const size_t len = strlen(text);
-    char *visible = static_cast<char *>(malloc(4 * len + 1)); // "\xNN" for one character
-    if (visible == nullptr)
-        return text;
-    char *out = visible;
-    for (const char c : std::span(text, len)) {
-        const unsigned char byte = static_cast<unsigned char>(c);
-        if (iscntrl(byte) != 0)
-            out += snprintf(out, 5, "\\x%02x", byte);
-        else
-            *out++ = c;
-    }
-    *out = '\0';
-    free(text);
-    return visible;
-}
-
 // Character-set callback: the bytes as they are.
 static char *copy_bytes(void * /*opaque*/, const char * /*encoding*/, char *string, size_t length)
 {
     return strndup(string, length);
+}
+
+// Print callback: add_ctxt_line with control characters made visible. Names, languages and numbers
+// of telephones come from the source, and none of them may pass for lines of its own.
+__attribute__((format(printf, 2, 3))) static void add_visible_line(void *opaque, const char *fmt,
+                                                                   ...)
+{
+    char line[MAX_PMT_TXT] = ""; // the snapshot keeps no longer one
+    va_list args;
+    va_start(args, fmt);
+    vsnprintf(line, sizeof line, fmt, args);
+    va_end(args);
+    char visible[4 * sizeof line]; // "\xNN" for one character
+    char *out = visible;
+    for (const char *in = line; *in != '\0'; ++in) {
+        const unsigned char byte = static_cast<unsigned char>(*in);
+        if (iscntrl(byte) != 0)
+            out += snprintf(out, 5, "\\x%02x", byte);
+        else
+            *out++ = *in;
+    }
+    *out = '\0';
+    add_ctxt_line(opaque, "%s", visible);
 }
 
 // ---- Sections of packets
@@ -161,7 +162,7 @@ bool get_pmt_entry(pmt_section *pmt, unsigned j, pmt_entry *entry)
 
 void print_pmt(pmt_section *pmt, ctxt_spec *text)
 {
-    pmt_print(pmt->data(), add_ctxt_line, text, copy_bytes, nullptr, PRINT_TEXT);
+    pmt_print(pmt->data(), add_visible_line, text, copy_bytes, nullptr, PRINT_TEXT);
 }
 
 const char *streamtype_text(uint8_t stream_type) { return pmt_get_streamtype_txt(stream_type); }
