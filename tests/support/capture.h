@@ -5,7 +5,7 @@
 //     c.pmt(0x100, {.program = 1, .pcr_pid = 0x101, .streams = {{0x1b, 0x101}, {0x0f, 0x102}}});
 //     c.pes(0x101, {.pts = 93600, .dts = 90000, .pcr = 90000});
 //     c.payload(0x102);
-//     c.write_file(dir.path("capture.ts"));
+//     dir.file("capture.ts", c.text());
 #pragma once
 
 #include <cstdint>
@@ -24,52 +24,36 @@ struct pat_entry {
 };
 
 struct pat_fields {
-    unsigned tsid = 1;
-    unsigned version = 0;
-    unsigned section = 0;
-    unsigned last_section = 0;
+    unsigned version = 0, section = 0, last_section = 0;
 };
 
-struct pmt_entry {
-    unsigned type;
-    unsigned pid;
+struct es_entry {
+    unsigned type, pid;
     octets descriptors{};
 };
 
 struct pmt_fields {
-    unsigned program = 1;
-    unsigned pcr_pid = 0x1fff;
-    unsigned version = 0;
+    unsigned program = 1, pcr_pid = 0x1fff, version = 0;
     octets descriptors{};
-    std::vector<pmt_entry> streams{};
+    std::vector<es_entry> streams{};
 };
 
 // Clock values are ticks of 90 kHz.
 struct packet_fields {
-    bool unit_start = false;
-    bool has_payload = true;
+    bool unit_start = false, has_payload = true;
     std::optional<uint64_t> pcr{};
     std::optional<unsigned> adaptation{}; // adaptation_field_length, also one past the packet
     octets payload{};                     // filled up with 0xff
 };
 
 struct pes_fields {
-    std::optional<uint64_t> pts{};
-    std::optional<uint64_t> dts{};
-    std::optional<uint64_t> pcr{};
+    std::optional<uint64_t> pts{}, dts{}, pcr{};
     unsigned stream_id = 0xe0;
 };
 
-uint32_t crc_32(const octets &data);
-
-// A long-form section: `body` is what stands between the section header (8 bytes) and the CRC.
-octets table_section(unsigned table_id, unsigned extension, const pat_fields &fields,
-                     const octets &body);
-octets pat_section(const std::vector<pat_entry> &programs, const pat_fields &fields = {});
-octets pmt_section(const pmt_fields &fields);
-
-// The header of a PES packet of unbounded length.
-octets pes_header(const pes_fields &fields);
+octets make_pat_section(const std::vector<pat_entry> &programs, const pat_fields &fields = {});
+octets make_pmt_section(const pmt_fields &fields);
+octets pes_header(const pes_fields &fields); // of a PES packet of unbounded length
 
 class capture_builder {
 public:
@@ -77,20 +61,33 @@ public:
     // each packet that has a payload.
     void packet(unsigned pid, const packet_fields &fields);
 
-    void pat(const std::vector<pat_entry> &programs, const pat_fields &fields = {});
-    void pmt(unsigned pid, const pmt_fields &fields);
-    // One packet that begins with this section, after a pointer field of 0 or, without
-    // `unit_start`, directly behind the header.
-    void section(unsigned pid, const octets &section, bool unit_start = true);
-    void pes(unsigned pid, const pes_fields &fields);
-    void payload(unsigned pid, int count = 1); // packets inside a PES packet
-    void pcr(unsigned pid, uint64_t value);    // an adaptation field with a PCR, no payload
-    void null(int count = 1);
-    void raw(const octets &data); // any bytes
+    void pat(const std::vector<pat_entry> &programs, const pat_fields &fields = {})
+    {
+        section(0, make_pat_section(programs, fields));
+    }
+    void pmt(unsigned pid, const pmt_fields &fields) { section(pid, make_pmt_section(fields)); }
+    // One packet that begins with this section, behind a pointer field of 0; the rest is lost.
+    void section(unsigned pid, octets section)
+    {
+        section.insert(section.begin(), 0);
+        packet(pid, {.unit_start = true, .payload = section});
+    }
+    void pes(unsigned pid, const pes_fields &fields)
+    {
+        packet(pid, {.unit_start = true, .pcr = fields.pcr, .payload = pes_header(fields)});
+    }
+    void payload(unsigned pid, int count = 1) // packets inside a PES packet
+    {
+        while (count-- > 0)
+            packet(pid, {});
+    }
+    void null(int count = 1) { payload(0x1fff, count); }
+    // An adaptation field with a PCR, no payload.
+    void pcr(unsigned pid, uint64_t value) { packet(pid, {.has_payload = false, .pcr = value}); }
+    void raw(const octets &data) { m_data.insert(m_data.end(), data.begin(), data.end()); }
 
-    void set_cc(unsigned pid, unsigned value) { m_cc[pid] = value & 15; } // of the next packet
-    void skip_cc(unsigned pid, unsigned count = 1) { set_cc(pid, m_cc[pid] + count); }
-    void repeat_cc(unsigned pid) { set_cc(pid, m_cc[pid] + 15); }
+    void set_cc(unsigned pid, unsigned value) { m_cc[pid] = value; } // of the next packet
+    void skip_cc(unsigned pid, unsigned count = 1) { m_cc[pid] += count; }
 
     const octets &bytes() const { return m_data; }
     std::string text() const { return {m_data.begin(), m_data.end()}; }
@@ -98,9 +95,8 @@ public:
     const uint8_t *at(size_t index) const { return m_data.data() + index * PKT_SIZE; }
     // Byte `offset` of the packet made last, for damage.
     uint8_t &last(size_t offset) { return m_data[m_data.size() - PKT_SIZE + offset]; }
-    void write_file(const std::string &path) const;
 
 private:
     octets m_data;
-    std::map<unsigned, unsigned> m_cc; // counter of the next packet with payload
+    std::map<unsigned, unsigned> m_cc; // counter of the next packet with payload, modulo 16
 };

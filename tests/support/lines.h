@@ -5,11 +5,11 @@
 #include <sys/types.h>
 #include <vector>
 
-// The lines of a text, without their line feeds.
+// The lines of a text, without their line feeds; those that contain `part`.
 std::vector<std::string> split_lines(const std::string &text);
-
-// The lines that contain `part`.
 std::vector<std::string> lines_with(const std::string &text, const std::string &part);
+
+void replace_all(std::string *text, const std::string &what, const std::string &by);
 
 // The text with everything that differs between runs replaced, where it has the right shape: the
 // time stamp at the beginning of a line with "@", the process id `pid` behind it with "PID", and
@@ -22,10 +22,9 @@ class temp_dir {
 public:
     temp_dir();
     ~temp_dir();
-    temp_dir(const temp_dir &) = delete;
-    temp_dir &operator=(const temp_dir &) = delete;
+    temp_dir(temp_dir &&) = delete;
 
-    std::string path(const std::string &name = "") const;
+    std::string path(const std::string &name = "") const { return m_path + "/" + name; }
     // Writes a file; returns its path.
     std::string file(const std::string &name, const std::string &text) const;
 

@@ -1,4 +1,4 @@
-// Runs programs and keeps what they write.
+// Runs programs and keeps what they write. Their standard input is a pipe that brings nothing.
 #pragma once
 
 #include <csignal>
@@ -6,41 +6,32 @@
 #include <sys/types.h>
 #include <vector>
 
-struct run_options {
-    std::vector<std::string> env{}; // "NAME=VALUE", over the environment of the tests
-    std::string input{};            // what a pipe on standard input brings: 1 MB at most
-};
-
 struct run_result {
-    int status = -1; // exit status, or -1 after a signal
-    int signal = 0;  // the signal that ended the process; SIGALRM: it hung
+    int status = -1; // exit status, or minus the signal that ended the process; -SIGALRM: it hung
     pid_t pid = 0;
-    std::string out;
-    std::string err;
+    std::string out, err;
 };
 
 // A process under way. One that does not end within a minute is killed.
 class process {
 public:
-    explicit process(const std::vector<std::string> &args, const run_options &options = {});
+    explicit process(const std::vector<std::string> &args);
     ~process();
-    process(const process &) = delete;
-    process &operator=(const process &) = delete;
+    process(process &&) = delete;
 
     pid_t pid() const { return m_pid; }
     void send(int signo) const { kill(m_pid, signo); }
-    // Waits until standard error holds this text. False when the process ends without it.
+    // Reads standard error until it holds this text. False when it ends without it.
     bool says(const std::string &text);
+    const std::string &err() const { return m_text; } // what was read of standard error
     run_result wait();
 
 private:
-    bool ended();
+    bool read_more();
 
     pid_t m_pid = -1;
-    int m_out = -1;
-    int m_err = -1;
-    int m_status = 0;
-    bool m_ended = false;
+    int m_out, m_err;
+    std::string m_text;
 };
 
-run_result run_process(const std::vector<std::string> &args, const run_options &options = {});
+run_result run_process(const std::vector<std::string> &args);
