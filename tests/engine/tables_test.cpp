@@ -131,7 +131,7 @@ TEST(tables, no_descriptor_hangs_the_printers_or_forges_a_line)
         uint8_t tag, length, at, value;
     } endless[] = {{0x45, 2, 3, 0xfe},   {0x51, 5, 5, 0xfc}, {0x5b, 4, 5, 0xfc},
                    {0x5c, 4, 5, 0xfc},   {0x5d, 5, 5, 0xfb}, {0x5e, 5, 6, 0xfc},
-                   {0x6c, 10, 11, 0xf6}, {0x6d, 7, 8, 0xf9}};
+                   {0x6c, 10, 11, 0xf6}, {0x6d, 7, 8, 0xf9}, {0x51, 5, 5, 0xfb}};
     for (const auto &d : endless) {
         octets descriptor{d.tag, d.length};
         descriptor.resize(2U + d.length, 1);
@@ -139,6 +139,7 @@ TEST(tables, no_descriptor_hangs_the_printers_or_forges_a_line)
         EXPECT_THAT(printed(descriptor), ContainsRegex("desc [4-6][1-e] invalid(.*\n)*end PMT\n"));
     }
     EXPECT_THAT(printed({0x48, 6, 1, 1, 'P', 2, 'a', '\n'}), HasSubstr(R"( service="a\x0a")"));
+    EXPECT_THAT(printed({0x57, 6, 0, 0, 3, '\n', 'A', 'L'}), HasSubstr(R"( phone=\x0aAL)"));
     EXPECT_THAT(printed({0x0a, 4, 'd', 'e', 'u', 0}), HasSubstr("language=deu audiotype=0"));
     EXPECT_THAT(printed({0xbd, 255, 1, 2}), HasSubstr("desc bd unknown length=255 value=0102"));
 }
