@@ -1,17 +1,16 @@
 // The command line, the settings file and the frame of a run.
 
-#include "orvane/tsa/options.h"
 #include "program.h"
 #include "support/capture.h"
-
-#include <libtarnlink/log.h>
 
 #include <gmock/gmock.h>
 
 #include <fstream>
 #include <regex>
+#include <sys/socket.h>
 #include <sys/stat.h>
-#include <syslog.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 using namespace testing;
 
@@ -185,11 +184,28 @@ TEST_F(program, reads_a_pipe_and_stops_on_signals)
     }
 }
 
+// A socket of the test's own stands at /dev/log, in a mount namespace of the run's own.
 TEST_F(program, mirrors_the_access_log_to_syslog)
 {
-    char name[] = "orvscan", option[] = "-Yuser", capture[] = "x";
-    char *args[] = {name, option, capture, nullptr};
-    EXPECT_EQ(parse_options(3, args), 0);
-    EXPECT_TRUE(g_access_log.syslg.enabled && !g_log.syslg.enabled);
-    EXPECT_EQ(g_access_log.syslg.facility, LOG_USER);
+    const std::string unshare = geteuid() == 0 ? "-m" : "-rm", dev = dir.path("dev");
+    const std::string mount = "mount --bind " + dev + " /dev";
+    mkdir(dev.c_str(), 0700);
+    if (run_process({"unshare", unshare, "sh", "-c", mount}).status != 0)
+        GTEST_SKIP() << "mount namespaces are not to be had here";
+    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0);
+    sockaddr_un address{.sun_family = AF_UNIX, .sun_path{}};
+    (dev + "/log").copy(address.sun_path, sizeof address.sun_path - 1);
+    ASSERT_EQ(bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+    capture_builder c;
+    c.pat({{1, 0x100}});
+    c.pmt(0x100, {.pcr_pid = 0x101, .streams = {{0x1b, 0x101}}});
+    const run_result result =
+        run_process({"unshare", unshare, "sh", "-c", mount + " && exec \"$@\"", "sh",
+                     ORVSCAN_PROGRAM, "-Ylocal3", "-aon", dir.file("silent.ts", c.text())});
+    char line[1024]{};
+    EXPECT_GT(recv(fd, line, sizeof line - 1, 0), 0);
+    EXPECT_THAT(line, MatchesRegex("<159>... .. ..:..:.. orvscan: .* ALERT PID-NDAT .*\n?"));
+    EXPECT_THAT(line, HasSubstr("orvscan: " + split_lines(result.out).at(0)));
+    EXPECT_EQ(recv(fd, line, sizeof line, 0), -1); // the application log is not mirrored
+    close(fd);
 }

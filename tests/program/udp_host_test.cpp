@@ -136,19 +136,3 @@ TEST(udp_host, reports_in_time_and_on_a_signal)
     EXPECT_THAT(result.err, EndsWith("\ntsan_stats END\n"));
     EXPECT_GE(lines_with(result.err, "tsan_stats END").size(), 3U);
 }
-
-TEST(udp_host, refuses_what_it_cannot_do)
-{
-    const live_host other;
-    const std::string port = other.tag.substr(other.tag.find(':') + 1);
-    const std::vector<std::pair<std::vector<std::string>, std::string>> cases{
-        {{UDP_HOST_PROGRAM, "127.0.0.1", "65536"},
-         "not a number up to 65535: 65536\nusage: udp_host"},
-        {{UDP_HOST_PROGRAM, "127.0.0.1", port}, "cannot listen on " + other.tag + ": "},
-    };
-    for (const auto &[args, message] : cases) {
-        const run_result result = run_process(args);
-        EXPECT_EQ(result.status, 2) << message;
-        EXPECT_THAT(result.err, HasSubstr(message));
-    }
-}

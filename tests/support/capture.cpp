@@ -1,6 +1,7 @@
 #include "support/capture.h"
 
 #include <algorithm>
+#include <bitstream/mpeg/psi/psi.h>
 
 namespace {
 
@@ -36,7 +37,8 @@ octets make_section(unsigned table_id, unsigned extension, const pat_fields &fie
     put(&out, extension, 2);
     put(&out, (0xc1 | fields.version << 1) << 16 | fields.section << 8 | fields.last_section, 3);
     append(&out, body);
-    put(&out, 0xffffffff, 4); // in the place of the CRC, which nobody checks
+    put(&out, 0, 4);
+    psi_set_crc(out.data());
     return out;
 }
 
