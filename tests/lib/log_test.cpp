@@ -131,3 +131,22 @@ TEST_F(logger, opens_files)
     EXPECT_EQ(log_open_ex(&g_log, "/missing/log", 0), -1);
     EXPECT_THAT(GetCapturedStderr(), EndsWith(" ERROR(2): No such file or directory\n"));
 }
+
+TEST_F(logger, writes_to_commands_and_traces_calls)
+{
+    const std::string path = dir.path("out");
+    ASSERT_EQ(log_popen(&g_log, ("cat >" + path).c_str()), 0);
+    LOG_STMT(NORM_level, "piped\n");
+    log_close(&g_log); // waits for the command
+    EXPECT_EQ(file_text(path), "(NRM)  piped\n");
+    char buf[4096];
+    const int length = snprintf_btrace(buf, sizeof buf, "at %d:\n", 7);
+    EXPECT_EQ(length, static_cast<int>(strlen(buf)));
+    EXPECT_THAT(buf, StartsWith("at 7:\n#0: "));
+    EXPECT_THAT(std::string(buf), AllOf(HasSubstr("\n#1: "), EndsWith("\n")));
+    EXPECT_EQ(snprintf_btrace(buf, 4, "at %d:\n", 7), -1);
+    int level = 9;
+    EXPECT_TRUE(match_log_level("Warning", &level) == 0 && level == WARN_level);
+    EXPECT_EQ(match_log_level("panic", &level), -1);
+    EXPECT_STREQ(log_level_str(CRIT_level), "ctitical");
+}

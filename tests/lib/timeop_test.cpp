@@ -2,7 +2,7 @@
 
 #include "support/logging.h"
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 namespace {
 
@@ -74,4 +74,28 @@ TEST_F(timeop, reads_time_strings_back)
     EXPECT_EQ(seconds("2026-07-01 12:00:00", f_FMT_SECONDS), JULY_1 + 3600); // no summer time
     EXPECT_EQ(seconds("2026-03-01 12:00:00", 0), 0);
     EXPECT_EQ(seconds("1969-12-31 18:59:59", f_FMT_SECONDS), 0);
+}
+
+TEST_F(timeop, spans_and_dates)
+{
+    const struct {
+        uint32_t last, tmout, now;
+        bool over;
+    } ticks[] = {{0, 9, 1, true},
+                 {5, 3, 7, false},
+                 {5, 3, 8, true},
+                 {UINT32_MAX, 2, 1, false},
+                 {UINT32_MAX, 2, 2, true}};
+    for (const auto &t : ticks) {
+        tspan last{TSPAN_TICKS, {}}, tmout{TSPAN_TICKS, {}};
+        set_tspan(&last, nullptr, t.last);
+        set_tspan(&tmout, nullptr, t.tmout);
+        EXPECT_EQ(tspan_timed_out(&last, &tmout, nullptr, t.now), t.over) << t.last << " " << t.now;
+    }
+    char buf[32];
+    EXPECT_TRUE(mk_timespan(90061, buf, sizeof buf) == 0 && buf == std::string("01d 01h:01m:01s"));
+    EXPECT_TRUE(mk_timespan(59, buf, 12) == 0 && buf == std::string("00h:00m:59s"));
+    EXPECT_TRUE(mk_gmt_date(MARCH_1, buf, 11) == 0 && buf == std::string("2026-03-01"));
+    EXPECT_EQ(mk_gmt_date(MARCH_1, buf, 9), -1);
+    EXPECT_THAT(app.take(), testing::EndsWith("buffer needs 10 bytes, only 9 provided\n"));
 }
