@@ -139,11 +139,17 @@ static inline bool means_nothing(const tsan_ctx *tc, ts_header h)
     return 0;
 }
 
+// Classifies the current packet by its PID.
+static inline const dgram_info &setup_dat(tsan_ctx *tc, uint32_t pid)
+{
+    tc->dat = tc->dat_of[pid];
+    return *tc->dat;
+}
+
 int tsan_process(tsan_t tc, const uint8_t *pkt)
 {
     const ts_header header = read_header(pkt);
-    const dgram_info &dat = *tc->dat_of[ts_pid(header)];
-    tc->dat = &dat;
+    const dgram_info &dat = setup_dat(tc, ts_pid(header));
     ++tc->last_pkt_idx;
     ++tc->ptotal;
     if (stream_info *si = dat.stream; si != nullptr && header == si->next_plain) {

@@ -160,7 +160,7 @@ static void alert_pmt_diff(tsan_ctx *tc, uint32_t pid, const ctxt_spec *s, size_
     ++pg->alert.pmt_diff;
 }
 
-// For debugging sessions: true takes every PMT for a changed one.
+// For debugging: true takes every PMT for a changed one.
 static bool debug_pmt_cmp(const tsan_ctx * /*tc*/) { return false; }
 
 // Prints the section and compares it with the snapshot; on a difference raises the alert and keeps
