@@ -20,12 +20,11 @@ void alert_cc_mlr(tsan_ctx *tc);
 // Checks the counter (0 to 15) of a packet with payload. Its PID is a stream of the current
 // programme. A repeated counter is an error too and the discontinuity indicator is not looked at,
 // both deliberately.
-inline void cc_track(tsan_ctx *tc, const dgram_info &dat, uint32_t pid, int cc)
+inline void cc_track(tsan_ctx *tc, uint32_t pid, int cc)
 {
-    const ssize_t i = dat.istm;
-    const auto prog = [&dat](const tsan_ctx *) { return dat.program; };
+    const ssize_t i = tc->dat->istm;
     INVARIANT(i >= 0 && i < (ssize_t)prog(tc)->nstreams);
-    stream_info &si = *dat.stream;
+    stream_info &si = *tc->dat->stream;
     if (si.cc.value != -1) {
         if (cc == ((si.cc.value + 1) & 15)) [[likely]]
             tc->last_cca.nmlr = -1;

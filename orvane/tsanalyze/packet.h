@@ -1,8 +1,7 @@
 // The road of one packet: tag, bookkeeping, PES time stamps and the fixed order of checks.
 //
 // It is walked for every packet of a capture: nothing here allocates, formats or reads a clock
-// unless a line is really written. The classification is handed along by value, so that the road
-// does not read back what it has just stored.
+// unless a line is really written.
 #pragma once
 
 #include "tsanalyze/context.h"
@@ -159,7 +158,7 @@ inline int analyze_pkt(tsan_ctx *tc, const dgram_info &dat, ts_header h, const u
         return 0;
     const bool has_payload = ts_has_payload(h, pkt);
     if (tc->cfg.cc_track && has_payload)
-        cc_track(tc, dat, ts_pid(h), ts_cc(h));
+        cc_track(tc, ts_pid(h), ts_cc(h));
     // The stream that carries the PCR is not timed against itself, and only audio is timed; other
     // streams serve as references alone.
     if (si.stype == 'A' && (si.pts_updated || si.dts_updated) && has_payload &&
