@@ -42,6 +42,10 @@ constexpr uint32_t ts_pid(ts_header h) { return h >> 8 & 0x1FFF; }
 constexpr bool ts_has_adaptation(ts_header h) { return (h & 0x20) != 0; }
 constexpr int ts_cc(ts_header h) { return static_cast<int>(h & 0x0F); }
 
+// Whether the header says payload. That is what counters go by, also when the adaptation field
+// leaves no room for any: some packagers fill up with such packets.
+constexpr bool ts_says_payload(ts_header h) { return (h & 0x10) != 0; }
+
 // Whether the header says payload and no adaptation field.
 constexpr bool ts_has_payload_only(ts_header h) { return (h & 0x30) == 0x10; }
 
@@ -55,7 +59,7 @@ constexpr ts_header ts_continued(ts_header h)
 // field reaches the packet's end.
 inline size_t ts_payload_start(ts_header h, const uint8_t *pkt)
 {
-    if ((h & 0x10) == 0) [[unlikely]]
+    if (!ts_says_payload(h)) [[unlikely]]
         return TS_PACKET_SIZE;
     if (!ts_has_adaptation(h)) [[likely]]
         return 4;
@@ -156,13 +160,12 @@ inline int analyze_pkt(tsan_ctx *tc, const dgram_info &dat, ts_header h, const u
     inc_pkt_stat(&dat.program->stat, &si);
     if (!tc->cfg.is_enabled) [[unlikely]]
         return 0;
-    const bool has_payload = ts_has_payload(h, pkt);
-    if (tc->cfg.cc_track && has_payload)
+    if (tc->cfg.cc_track && ts_says_payload(h))
         cc_track(tc, ts_pid(h), ts_cc(h));
     // The stream that carries the PCR is not timed against itself, and only audio is timed; other
     // streams serve as references alone.
-    if (si.stype == 'A' && (si.pts_updated || si.dts_updated) && has_payload &&
-        ts_pid(h) != dat.program->pcr_pid)
+    if (si.stype == 'A' && (si.pts_updated || si.dts_updated) &&
+        ts_pid(h) != dat.program->pcr_pid && ts_has_payload(h, pkt))
         check_stamps(tc, &si);
     return 0;
 }

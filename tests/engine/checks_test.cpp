@@ -18,22 +18,39 @@ TEST(continuity, tells_breaks_from_resets_by_the_time_between_zeros)
         }
         e.feed();
     };
-    counters({14, 15, 0, 1, 5, 5});
-    e.c.packet(0x101, {.has_payload = false});
-    e.c.packet(0x101, {.adaptation = 200}); // reaches past the packet
-    counters({6, 7, 0});                    // the first unexpected zero arms the timer
+    counters({14, 15, 0, 1, 5, 5, 6, 7, 0}); // the first unexpected zero arms the timer
     g_now.tv_nsec += 29999999;
     counters({9, 0});
     g_now.tv_nsec += 30000000;
     counters({9, 0});
     EXPECT_EQ(e.alerts(), R"(ALERT CC-BRK src 257 0 1 5 0:0[7]
 ALERT CC-BRK src 257 0 5 5 0:0[8]
-ALERT CC-BRK src 257 0 7 0 0:0[13]
+ALERT CC-BRK src 257 0 7 0 0:0[11]
+ALERT CC-BRK src 257 0 0 9 0:0[12]
+ALERT CC-BRK src 257 0 9 0 0:0[13]
 ALERT CC-BRK src 257 0 0 9 0:0[14]
-ALERT CC-BRK src 257 0 9 0 0:0[15]
-ALERT CC-BRK src 257 0 0 9 0:0[16]
-ALERT CC-RST src 257 0 9 0 30 0:0[17]
+ALERT CC-RST src 257 0 9 0 30 0:0[15]
 )");
+}
+
+// Some packagers fill up with packets whose adaptation field leaves no room for payload.
+TEST(continuity, goes_by_the_payload_bit_of_the_header)
+{
+    engine e;
+    one_program(&e.c);
+    e.c.payload(0x101);
+    for (const unsigned length : {182U, 183U, 184U, 255U}) { // up to and past the packet's end
+        e.c.packet(0x101, {.adaptation = length});
+        e.c.packet(0x101, {.has_payload = false}); // has no counter of its own
+        e.c.payload(0x101);
+    }
+    EXPECT_EQ(e.alerts(), "");
+    for (const unsigned length : {183U, 255U}) {
+        e.c.skip_cc(0x101);
+        e.c.packet(0x101, {.adaptation = length});
+    }
+    EXPECT_EQ(e.alerts(),
+              "ALERT CC-BRK src 257 0 8 10 0:0[16]\nALERT CC-BRK src 257 0 10 12 0:0[17]\n");
 }
 
 TEST(continuity, correlates_equal_losses_within_a_segment)
@@ -86,7 +103,6 @@ TEST(timing, audio_against_the_pcr_and_the_reference)
     e.c.pes(0x102, {.pts = 900135, .dts = 945089}); // at both thresholds
     e.c.pes(0x102, {.pts = 900135, .dts = 990000});
     e.c.packet(0x102, {.unit_start = true, .adaptation = 190}); // reaches into the next packet
-    e.c.skip_cc(0x102, 15);                                     // so it has none of its own
     octets foreign = pes_header({.pts = 1});
     foreign.insert(foreign.begin(), 3, 0xff);
     e.c.packet(0x1fff, {.payload = foreign});
