@@ -158,10 +158,10 @@ static bool merge_PATs(tsan_ctx *tc, const psi_section &pld)
     tc->nprogs = list.pids.size();
     INVARIANT(tc->nprogs < MAX_PMTS);
     std::copy(list.pids.begin(), list.pids.end(), tc->pmt_pid);
-    tc->pmt_pid[tc->nprogs] = 0;
+    tc->pmt_pid[tc->nprogs] = 0; // behind it PIDs of a longer list may have stood
+    rebuild_pid_slots(tc);
     if (nadded == 0 && ndel == 0)
         return false;
-    rebuild_pid_slots(tc);
     alert_pat_diff(tc, nadded, ndel);
     reset_ndat_pcount(tc);
     return true;

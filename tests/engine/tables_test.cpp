@@ -2,6 +2,7 @@
 
 #include "engine/engine.h"
 #include "support/lines.h"
+#include "tsanalyze/packet.h"
 
 #include <gmock/gmock.h>
 
@@ -32,6 +33,20 @@ TEST(tables, a_changed_pat_is_merged_and_reported_once)
     // Records stay where they are: 0x300 has moved up to the record that was 0x200's.
     e.c.pmt(0x300, {.pcr_pid = 0x301, .streams = {{0x0f, 0x301}}});
     EXPECT_EQ(e.alerts(), "ALERT PMT-DIFF src 768 1 1 769 1:M[12]\n");
+}
+
+TEST(tables, a_pat_list_ends_at_its_zero)
+{
+    engine e;
+    e.c.pat({{1, 0x100}, {2, 0x200}});
+    e.c.pat({}, {.version = 1});
+    e.c.pat({{3, 0x300}}, {.version = 2}); // 0x200 stands behind it, until the list is ended anew
+    e.c.pmt(0x200, {.pcr_pid = 0x201});
+    e.c.pat({{3, 0x300}}, {.version = 3});
+    e.c.pmt(0x200, {.pcr_pid = 0x201});
+    e.feed();
+    EXPECT_EQ(tag_text(e.t).text, std::string("pkt[6]"));
+    EXPECT_EQ(e.t->pg[1].pcr_pid, 0x201u);
 }
 
 TEST(tables, what_leaves_nothing_to_analyse_ends_the_process)
