@@ -7,9 +7,9 @@
 #include "batches.h"
 #include "misc/mstime.h"
 #include "tsanalyze/context.h"
-#include "tsanalyze/packet.h"
-#include "tsanalyze/pat.h"
+#include "tsanalyze/pids.h"
 #include "tsanalyze/pmt.h"
+#include "tsanalyze/tag.h"
 
 #include <benchmark/benchmark.h>
 #include <libtarnlink/log.h>

@@ -43,7 +43,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     pmt_section pmt({bytes.get(), len});
     pmt_entry entry{};
     for (unsigned j = 0; j < MAX_PMT_ENTRIES && get_pmt_entry(&pmt, j, &entry); ++j)
-        fputs(streamtype_text(entry.stream_type), null_stream());
+        fputs(streamtype_name(entry.stream_type), null_stream());
     ctxt_spec text;
     if (open_ctxt(&text, MAX_PMT_TXT) != 0)
         return 0;

@@ -4,6 +4,16 @@
 
 #include <algorithm>
 
+namespace {
+
+// No guard against an empty aggregate: its average prints as the platform's NaN.
+double average(uint64_t total, uint64_t count)
+{
+    return static_cast<double>(total) / static_cast<double>(count);
+}
+
+} // namespace
+
 void inc_aval(aggr_val *av, uint64_t val)
 {
     if (av->g_count == 0) {
@@ -23,12 +33,6 @@ void inc_aval(aggr_val *av, uint64_t val)
 }
 
 void reset_aval(aggr_val *av) { av->count = av->total = av->min = av->max = 0; }
-
-// No guard against an empty aggregate: its average prints as the platform's NaN.
-static double average(uint64_t total, uint64_t count)
-{
-    return static_cast<double>(total) / static_cast<double>(count);
-}
 
 void dump_aval(FILE *fp, const char *msg, const aggr_val *av)
 {

@@ -2,20 +2,24 @@
 //
 // Records are zero-filled unless a default says otherwise. Clock values are 90 kHz ticks, packet
 // numbers count from 1.
+//
+// A message that begins with the name of an operation names the one whose rule it tells, as a
+// literal where helpers raise it: readers of logs know these names, and they outlive the helpers.
 #pragma once
 
 #include "misc/aggr.h"
 #include "misc/ctxt.h"
+#include "tsanalyze/psi.h"
+#include "tsanalyze/ts.h"
 #include "tsanalyze/tsanalyze.h"
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
-#include <span>
+#include <memory>
 #include <sys/types.h>
 
-constexpr size_t PID_COUNT = 8192; // PIDs have 13 bits
+static_assert(sizeof(long) == sizeof(uint64_t)); // printed values of 64 bits are "%lu"
 
 // What the tag of a packet is made of. The text itself is written only when a line needs it
 // (tag_text).
@@ -28,30 +32,6 @@ struct packet_tag {
     bool is_pat;
     bool is_pmt;
     bool has_pcr; // the programme had a PCR
-};
-
-// Sections of one table, by section number. The copies belong to the block.
-struct psi_block {
-    uint8_t *sec[256]{};
-    bool is_complete = false; // the last section added made the table complete
-
-    psi_block() = default;
-    psi_block(const psi_block &) = delete;
-    psi_block &operator=(const psi_block &) = delete;
-    ~psi_block();
-};
-
-// The bytes of a table packet's section that changed nothing when it was last taken; the same bytes
-// again need no second look.
-class section_image {
-public:
-    bool matches(std::span<const uint8_t> section) const;
-    void remember(std::span<const uint8_t> section);
-    void forget() { size_ = 0; }
-
-private:
-    size_t size_ = 0;
-    std::array<uint8_t, TS_PACKET_SIZE> bytes_{};
 };
 
 // Continuity counter of a stream.
@@ -76,7 +56,7 @@ struct program_info;
 struct stream_info;
 
 // What the PID of a packet means. One such record stands with each stream and each programme's PMT,
-// and one each for the PAT and for a PID that means nothing.
+// and one each for the PAT, for the SDT and for a PID that means nothing.
 struct dgram_info {
     int16_t ipg = -1;  // programme slot, -1: none
     int16_t istm = -1; // stream of that programme, -1: none
@@ -161,9 +141,24 @@ struct cc_alert_ctx {
     int32_t nmlr; // correlated losses of the segment; -1: a good counter was seen, no more counting
 };
 
+// Which shortcuts of the road a context takes (shortcuts.h); by itself it takes none.
+struct road_shortcuts {
+    bool plain = false;     // plain packets
+    bool nothing = false;   // packets that mean nothing to anyone
+    bool quiet_pat = false; // tables that changed nothing
+    bool quiet_pmt = false;
+    bool late_tag = false; // a tag is taken down when it is about to change, not for every packet
+    ts_header nothing_bits =
+        1; // how the header of a packet that means nothing begins; 1: none does
+};
+
 struct tsan_ctx {
     tsan_config cfg;
-    const dgram_info *dat; // classification of the current packet
+    const dgram_info *dat; // classification of the current packet; stays behind it
+    ts_header header;      // the packet's header and bytes, while it walks the whole road
+    const uint8_t *pkt;
+    bool is_attended; // nothing is to be done before a packet is looked at (attend)
+    road_shortcuts shortcuts;
     uint64_t last_pkt_idx; // number of the current packet; a host may set it
     uint64_t ptotal;       // packets taken
     uint64_t atotal;       // packets analysed
@@ -182,7 +177,8 @@ struct tsan_ctx {
     packet_tag ptag;  // of the packet with the total number ptag_at
     uint64_t ptag_at; // not the current one: its tag is what the context's present state gives
     dgram_info dat_pat{.is_pat = true};
-    dgram_info dat_none;
+    dgram_info dat_sdt;
+    dgram_info dat_none;                 // a PID that means nothing
     const dgram_info *dat_of[PID_COUNT]; // by PID; rebuilt when PAT or PMT change
 };
 

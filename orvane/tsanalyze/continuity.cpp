@@ -1,6 +1,6 @@
 #include "tsanalyze/continuity.h"
 
-#include "tsanalyze/packet.h"
+#include "tsanalyze/tag.h"
 
 #include <libtarnlink/log.h>
 #include <libtarnlink/timeop.h>

@@ -1,7 +1,8 @@
 #include "tsanalyze/pat.h"
 
-#include "tsanalyze/packet.h"
+#include "tsanalyze/pids.h"
 #include "tsanalyze/presence.h"
+#include "tsanalyze/tag.h"
 
 #include <libtarnlink/invariant.h>
 #include <libtarnlink/log.h>
@@ -19,38 +20,88 @@ struct pid_list {
     std::vector<uint32_t> mark; // the old PIDs not seen in the new PAT yet; 0: seen, or new
 };
 
-} // namespace
-
-ssize_t find_pid(const uint32_t *pids, size_t count, uint32_t pid)
+void dump_pat(tsan_ctx *tc, const char *msg, psi_block *psec)
 {
-    const uint32_t *end = pids + count;
-    const uint32_t *found = std::find(pids, end, pid);
-    return found == end ? -1 : found - pids;
+    if (msg != nullptr)
+        LOG_STMT(INFO_level, "[%s] %s\n", tc->cfg.source, msg);
+    print_pat(psec, log_fp(&g_log));
 }
 
-void rebuild_pid_slots(tsan_ctx *tc)
+void alert_pat_diff(tsan_ctx *tc, size_t nadded, size_t ndel)
 {
-    std::fill_n(tc->dat_of, PID_COUNT, &tc->dat_none);
-    // Backwards, so that the first to list a PID is the last to write its slot.
-    for (size_t ip = tc->nprogs; ip-- > 0;) {
-        program_info &pg = tc->pg[ip];
-        for (size_t is = pg.nstreams; is-- > 0;) {
-            stream_info &si = pg.stm[is];
-            si.dat = {.ipg = static_cast<int16_t>(ip),
-                      .istm = static_cast<int16_t>(is),
-                      .program = &pg,
-                      .stream = &si};
-            tc->dat_of[si.pid] = &si.dat;
+    const tag_string tag = tag_text(tc);
+    if (!tc->cfg.no_rlog)
+        LOG_STMT(WARN_level, "ALERT PAT-DIFF [%s] PMTs added/deleted: %zu/%zu progs=%zu at %s\n",
+                 tc->cfg.source, nadded, ndel, tc->nprogs, tag.text);
+    if (tc->cfg.trk.pat_diff) {
+        dump_pat(tc, "Older PAT:", &tc->pat);
+        dump_pat(tc, "New PAT:", tc->new_pat.get());
+    }
+    if (tc->cfg.access_log_alerts) // the programme count comes first here
+        log_access("ALERT PAT-DIFF %s 0 %zu %zu %zu %s\n", tc->cfg.source, tc->nprogs, nadded, ndel,
+                   tag.text);
+    ++tc->gac.pat_diff;
+}
+
+// Appends what the new PAT lists and the list does not; returns how many.
+size_t append_added(tsan_ctx *tc, pid_list *list, unsigned last_section)
+{
+    size_t nadded = 0;
+    uint32_t pid = 0;
+    for (unsigned s = 0; s <= last_section; ++s)
+        for (unsigned j = 0; j < MAX_SECTION_ENTRIES && pat_entry_pid(*tc->new_pat, s, j, &pid);
+             ++j) {
+            const ssize_t k = find_pid(list->mark.data(), list->mark.size(), pid);
+            if (k >= 0) {
+                list->mark[static_cast<size_t>(k)] = 0;
+                continue;
+            }
+            list->pids.push_back(pid);
+            list->mark.push_back(0);
+            LOG_STMT(WARN_level, "[%s] pid%u ADDED in new PAT\n", tc->cfg.source, pid);
+            ++nadded;
+        }
+    return nadded;
+}
+
+// Drops the old PIDs that are still marked and moves the others up; returns how many.
+size_t drop_missing(tsan_ctx *tc, pid_list *list, size_t old_nprogs)
+{
+    size_t ndel = 0;
+    for (size_t i = 0; i < list->pids.size(); ++i) {
+        if (i < old_nprogs && list->mark[i] != 0) {
+            LOG_STMT(WARN_level, "[%s] pid%u MISSING in new PAT\n", tc->cfg.source, list->pids[i]);
+            ++ndel;
+        } else {
+            list->pids[i - ndel] = list->pids[i];
         }
     }
-    const ssize_t end = find_pid(tc->pmt_pid, MAX_PMTS, 0);
-    for (ssize_t i = end < 0 ? ssize_t{MAX_PMTS} : end; i-- > 0;) {
-        program_info &pg = tc->pg[i];
-        pg.dat_pmt = {.ipg = static_cast<int16_t>(i), .is_pmt = true, .program = &pg};
-        tc->dat_of[tc->pmt_pid[i]] = &pg.dat_pmt;
-    }
-    tc->dat_of[PAT_PID_NUMBER] = &tc->dat_pat;
+    list->pids.resize(list->pids.size() - ndel);
+    return ndel;
 }
+
+// Applies a complete new PAT that differs from the kept one. Returns whether it changed the list.
+bool merge_PATs(tsan_ctx *tc, const psi_section &pld)
+{
+    const size_t old_nprogs = tc->nprogs;
+    const uint32_t *first = tc->pmt_pid;
+    pid_list list{{first, first + old_nprogs}, {first, first + old_nprogs}};
+    const size_t nadded = append_added(tc, &list, psi_last_section(pld));
+    const size_t ndel = drop_missing(tc, &list, old_nprogs);
+
+    tc->nprogs = list.pids.size();
+    INVARIANT(tc->nprogs < MAX_PMTS);
+    std::copy(list.pids.begin(), list.pids.end(), tc->pmt_pid);
+    tc->pmt_pid[tc->nprogs] = 0; // behind it PIDs of a longer list may have stood
+    rebuild_pid_slots(tc);
+    if (nadded == 0 && ndel == 0)
+        return false;
+    alert_pat_diff(tc, nadded, ndel);
+    reset_ndat_pcount(tc);
+    return true;
+}
+
+} // namespace
 
 void process_PAT(tsan_ctx *tc, std::span<const uint8_t> bytes)
 {
@@ -86,90 +137,9 @@ void process_PAT(tsan_ctx *tc, std::span<const uint8_t> bytes)
     INVARIANT(tc->nprogs);
 }
 
-static void dump_pat(tsan_ctx *tc, const char *msg, psi_block *psec)
-{
-    if (msg != nullptr)
-        LOG_STMT(INFO_level, "[%s] %s\n", tc->cfg.source, msg);
-    print_pat(psec, log_fp(&g_log));
-}
-
-static void alert_pat_diff(tsan_ctx *tc, size_t nadded, size_t ndel)
-{
-    const tag_string tag = tag_text(tc);
-    if (!tc->cfg.no_rlog)
-        LOG_STMT(WARN_level, "ALERT PAT-DIFF [%s] PMTs added/deleted: %zu/%zu progs=%zu at %s\n",
-                 tc->cfg.source, nadded, ndel, tc->nprogs, tag.text);
-    if (tc->cfg.trk.pat_diff) {
-        dump_pat(tc, "Older PAT:", &tc->pat);
-        dump_pat(tc, "New PAT:", tc->new_pat.get());
-    }
-    if (tc->cfg.access_log_alerts) // the programme count comes first here
-        log_access("ALERT PAT-DIFF %s 0 %zu %zu %zu %s\n", tc->cfg.source, tc->nprogs, nadded, ndel,
-                   tag.text);
-    ++tc->gac.pat_diff;
-}
-
-// Appends what the new PAT lists and the list does not; returns how many.
-static size_t append_added(tsan_ctx *tc, pid_list *list, unsigned last_section)
-{
-    size_t nadded = 0;
-    uint32_t pid = 0;
-    for (unsigned s = 0; s <= last_section; ++s)
-        for (unsigned j = 0; j < MAX_SECTION_ENTRIES && pat_entry_pid(*tc->new_pat, s, j, &pid);
-             ++j) {
-            const ssize_t k = find_pid(list->mark.data(), list->mark.size(), pid);
-            if (k >= 0) {
-                list->mark[static_cast<size_t>(k)] = 0;
-                continue;
-            }
-            list->pids.push_back(pid);
-            list->mark.push_back(0);
-            LOG_STMT(WARN_level, "[%s] pid%u ADDED in new PAT\n", tc->cfg.source, pid);
-            ++nadded;
-        }
-    return nadded;
-}
-
-// Drops the old PIDs that are still marked and moves the others up; returns how many.
-static size_t drop_missing(tsan_ctx *tc, pid_list *list, size_t old_nprogs)
-{
-    size_t ndel = 0;
-    for (size_t i = 0; i < list->pids.size(); ++i) {
-        if (i < old_nprogs && list->mark[i] != 0) {
-            LOG_STMT(WARN_level, "[%s] pid%u MISSING in new PAT\n", tc->cfg.source, list->pids[i]);
-            ++ndel;
-        } else {
-            list->pids[i - ndel] = list->pids[i];
-        }
-    }
-    list->pids.resize(list->pids.size() - ndel);
-    return ndel;
-}
-
-// Applies a complete new PAT that differs from the kept one. Returns whether it changed the list.
-static bool merge_PATs(tsan_ctx *tc, const psi_section &pld)
-{
-    const size_t old_nprogs = tc->nprogs;
-    const uint32_t *first = tc->pmt_pid;
-    pid_list list{{first, first + old_nprogs}, {first, first + old_nprogs}};
-    const size_t nadded = append_added(tc, &list, psi_last_section(pld));
-    const size_t ndel = drop_missing(tc, &list, old_nprogs);
-
-    tc->nprogs = list.pids.size();
-    INVARIANT(tc->nprogs < MAX_PMTS);
-    std::copy(list.pids.begin(), list.pids.end(), tc->pmt_pid);
-    tc->pmt_pid[tc->nprogs] = 0; // behind it PIDs of a longer list may have stood
-    rebuild_pid_slots(tc);
-    if (nadded == 0 && ndel == 0)
-        return false;
-    alert_pat_diff(tc, nadded, ndel);
-    reset_ndat_pcount(tc);
-    return true;
-}
-
 void another_PAT(tsan_ctx *tc, std::span<const uint8_t> bytes)
 {
-    if (tc->quiet_pat.matches(bytes) && !tc->cfg.trk.pat_pmt_pkt)
+    if (tc->quiet_pat.matches(bytes))
         return;
     tc->quiet_pat.forget();
     const psi_section pld(bytes);
@@ -190,6 +160,6 @@ void another_PAT(tsan_ctx *tc, std::span<const uint8_t> bytes)
     const bool changed = !tables_equal(tc->pat, *tc->new_pat) && merge_PATs(tc, pld);
     tc->new_pat.reset();
     // A table in one section that changed nothing will change nothing when it is repeated.
-    if (!changed && psi_last_section(pld) == 0)
+    if (tc->shortcuts.quiet_pat && !changed && psi_last_section(pld) == 0)
         tc->quiet_pat.remember(bytes);
 }

@@ -1,21 +1,116 @@
 #include "tsanalyze/pmt.h"
 
-#include "tsanalyze/packet.h"
-#include "tsanalyze/pat.h"
+#include "tsanalyze/pids.h"
 #include "tsanalyze/presence.h"
+#include "tsanalyze/shortcuts.h"
+#include "tsanalyze/tag.h"
 
 #include <libtarnlink/invariant.h>
 #include <libtarnlink/log.h>
-#include <libtarnlink/strops.h>
 
 #include <algorithm>
-#include <cstring>
 #include <memory>
 #include <new>
 
 namespace {
 
 loglevel_ctx g_llctx;
+
+// Makes a video stream the reference of the A/V checks, if the programme has none yet.
+void choose_reference(tsan_ctx *tc, ssize_t idx, char stype, uint32_t pid)
+{
+    program_info *pg = prog(tc);
+    if (pg->ref_idx < 0) {
+        pg->ref_idx = idx;
+        LOG_STMT(DEBUG_level, "%s: [%s] ref_idx=%zd for %c-stream pid=%u\n", "add_stream",
+                 tc->cfg.source, pg->ref_idx, stype, pid);
+    } else {
+        LOG_STMT(WARN_level, "%s: 1+ video: ref_idx already set (to %zd)\n", "add_stream",
+                 pg->ref_idx);
+    }
+}
+
+stream_class class_of(char stype)
+{
+    return stype == 'V' ? CLASS_VIDEO : stype == 'A' ? CLASS_AUDIO : CLASS_DATA;
+}
+
+int add_pmt_stream(tsan_ctx *tc, const pmt_entry &entry)
+{
+    LOG_STMT(INFO_level, "[%s] ADD (pid=%u, type=%u) [%s]\n", tc->cfg.source, entry.pid,
+             entry.stream_type, streamtype_name(entry.stream_type));
+    return add_stream(tc, entry.pid, entry.stream_type);
+}
+
+// Prints the PMT as the programme's first snapshot; one that is there stays as it is.
+void take_snapshot(program_info *pg, pmt_section *pld)
+{
+    if (pg->txt_pmt.buf == nullptr && open_ctxt(&pg->txt_pmt, MAX_PMT_TXT) == 0)
+        print_pmt(pld, &pg->txt_pmt);
+}
+
+void alert_pmt_diff(tsan_ctx *tc, uint32_t pid, const ctxt_spec *s, size_t count, uint32_t pcr_pid)
+{
+    program_info *pg = prog(tc);
+    const tag_string tag = tag_text(tc);
+    if (!tc->cfg.no_rlog)
+        LOG_STMT(WARN_level, "ALERT PMT-DIFF [%s] track-count: %zu/%zu pid=%u pcr-pid=%u at %s\n",
+                 tc->cfg.source, pg->nstreams, count, pid, pcr_pid, tag.text);
+    if (tc->cfg.trk.pmt_diff) {
+        dump_ctxt(log_fp(&g_log), "Older PMT:", &pg->txt_pmt);
+        dump_ctxt(log_fp(&g_log), "New PMT:", s);
+    }
+    if (tc->cfg.access_log_alerts)
+        log_access("ALERT PMT-DIFF %s %u %zu %zu %u %s\n", tc->cfg.source, pid, pg->nstreams, count,
+                   pcr_pid, tag.text);
+    ++pg->alert.pmt_diff;
+}
+
+// For debugging: true takes every PMT for a changed one.
+bool debug_pmt_cmp(const tsan_ctx * /*tc*/) { return false; }
+
+// Prints the section and compares it with the snapshot; on a difference raises the alert and keeps
+// the new text. Returns 1 on a difference, else 0.
+int compare_texts(tsan_ctx *tc, std::span<const uint8_t> bytes, pmt_section *pld, uint32_t pid,
+                  size_t count)
+{
+    program_info *pg = prog(tc);
+    ctxt_spec new_txt;
+    if (open_ctxt(&new_txt, MAX_PMT_TXT) != 0)
+        return 0;
+    print_pmt(pld, &new_txt);
+    if (cmp_ctxt(&new_txt, &pg->txt_pmt) == 0 && !debug_pmt_cmp(tc)) {
+        // The same bytes print the same text again, in silence unless it runs out of room.
+        if (tc->shortcuts.quiet_pmt && !is_ctxt_full(&new_txt))
+            pg->quiet_pmt.remember(bytes);
+        return 0;
+    }
+    alert_pmt_diff(tc, pid, &new_txt, count, pmt_pcr_pid(*pld));
+    replace_ctxt(&pg->txt_pmt, &new_txt);
+    reset_ndat_pcount(tc);
+    return 1;
+}
+
+ssize_t find_stream(const stream_info *stm, size_t count, uint32_t pid)
+{
+    for (size_t i = 0; i < count; ++i)
+        if (stm[i].pid == pid)
+            return static_cast<ssize_t>(i);
+    return -1;
+}
+
+void copy_stm_stats(stream_info *ds, const stream_info *ss)
+{
+    ds->pcount = ss->pcount;
+    ds->acount = ss->acount;
+    ds->pts_updated = ss->pts_updated;
+    ds->dts_updated = ss->dts_updated;
+    ds->last_pts = ss->last_pts;
+    ds->pts_pktnum = ss->pts_pktnum;
+    ds->last_dts = ss->last_dts;
+    ds->dts_pktnum = ss->dts_pktnum;
+    ds->cc = ss->cc;
+}
 
 } // namespace
 
@@ -43,25 +138,6 @@ char code2stype(uint8_t scode)
     }
 }
 
-// Makes a video stream the reference of the A/V checks, if the programme has none yet.
-static void choose_reference(tsan_ctx *tc, ssize_t idx, char stype, uint32_t pid)
-{
-    program_info *pg = prog(tc);
-    if (pg->ref_idx < 0) {
-        pg->ref_idx = idx;
-        LOG_STMT(DEBUG_level, "%s: [%s] ref_idx=%zd for %c-stream pid=%u\n", "add_stream",
-                 tc->cfg.source, pg->ref_idx, stype, pid);
-    } else {
-        LOG_STMT(WARN_level, "%s: 1+ video: ref_idx already set (to %zd)\n", "add_stream",
-                 pg->ref_idx);
-    }
-}
-
-static stream_class class_of(char stype)
-{
-    return stype == 'V' ? CLASS_VIDEO : stype == 'A' ? CLASS_AUDIO : CLASS_DATA;
-}
-
 int add_stream(tsan_ctx *tc, uint32_t pid, uint8_t scode)
 {
     program_info *pg = prog(tc);
@@ -80,7 +156,7 @@ int add_stream(tsan_ctx *tc, uint32_t pid, uint8_t scode)
     // The other fields stay as the slot holds them, deliberately.
     stream_info &si = pg->stm[idx];
     si.pid = pid;
-    si.next_plain = 0;
+    forget_plain(&si);
     si.stype = stype;
     si.scode = scode;
     si.sclass = class_of(stype);
@@ -99,20 +175,6 @@ int add_stream(tsan_ctx *tc, uint32_t pid, uint8_t scode)
              __func__, static_cast<int>(idx), pid, stype, pid == pg->pcr_pid ? "PCR" : "-",
              tag_text(tc).text, pg->nstreams);
     return static_cast<int>(idx);
-}
-
-static int add_pmt_stream(tsan_ctx *tc, const pmt_entry &entry)
-{
-    LOG_STMT(INFO_level, "[%s] ADD (pid=%u, type=%u) [%s]\n", tc->cfg.source, entry.pid,
-             entry.stream_type, streamtype_text(entry.stream_type));
-    return add_stream(tc, entry.pid, entry.stream_type);
-}
-
-// Prints the PMT as the programme's first snapshot; one that is there stays as it is.
-static void take_snapshot(program_info *pg, pmt_section *pld)
-{
-    if (pg->txt_pmt.buf == nullptr && open_ctxt(&pg->txt_pmt, MAX_PMT_TXT) == 0)
-        print_pmt(pld, &pg->txt_pmt);
 }
 
 void process_PMT(tsan_ctx *tc, std::span<const uint8_t> bytes, uint32_t pid)
@@ -142,53 +204,10 @@ void process_PMT(tsan_ctx *tc, std::span<const uint8_t> bytes, uint32_t pid)
     }
 }
 
-static void alert_pmt_diff(tsan_ctx *tc, uint32_t pid, const ctxt_spec *s, size_t count,
-                           uint32_t pcr_pid)
-{
-    program_info *pg = prog(tc);
-    const tag_string tag = tag_text(tc);
-    if (!tc->cfg.no_rlog)
-        LOG_STMT(WARN_level, "ALERT PMT-DIFF [%s] track-count: %zu/%zu pid=%u pcr-pid=%u at %s\n",
-                 tc->cfg.source, pg->nstreams, count, pid, pcr_pid, tag.text);
-    if (tc->cfg.trk.pmt_diff) {
-        dump_ctxt(log_fp(&g_log), "Older PMT:", &pg->txt_pmt);
-        dump_ctxt(log_fp(&g_log), "New PMT:", s);
-    }
-    if (tc->cfg.access_log_alerts)
-        log_access("ALERT PMT-DIFF %s %u %zu %zu %u %s\n", tc->cfg.source, pid, pg->nstreams, count,
-                   pcr_pid, tag.text);
-    ++pg->alert.pmt_diff;
-}
-
-// For debugging: true takes every PMT for a changed one.
-static bool debug_pmt_cmp(const tsan_ctx * /*tc*/) { return false; }
-
-// Prints the section and compares it with the snapshot; on a difference raises the alert and keeps
-// the new text. Returns 1 on a difference, else 0.
-static int compare_texts(tsan_ctx *tc, std::span<const uint8_t> bytes, pmt_section *pld,
-                         uint32_t pid, size_t count)
-{
-    program_info *pg = prog(tc);
-    ctxt_spec new_txt;
-    if (open_ctxt(&new_txt, MAX_PMT_TXT) != 0)
-        return 0;
-    print_pmt(pld, &new_txt);
-    if (cmp_ctxt(&new_txt, &pg->txt_pmt) == 0 && !debug_pmt_cmp(tc)) {
-        // The same bytes print the same text again, in silence unless it runs out of room.
-        if (!is_ctxt_full(&new_txt))
-            pg->quiet_pmt.remember(bytes);
-        return 0;
-    }
-    alert_pmt_diff(tc, pid, &new_txt, count, pmt_pcr_pid(*pld));
-    replace_ctxt(&pg->txt_pmt, &new_txt);
-    reset_ndat_pcount(tc);
-    return 1;
-}
-
 int cmp_PMT(tsan_ctx *tc, std::span<const uint8_t> bytes, uint32_t pid)
 {
     program_info *pg = prog(tc);
-    if (pg->quiet_pmt.matches(bytes) && !tc->cfg.trk.pmt_diff)
+    if (pg->quiet_pmt.matches(bytes))
         return 0;
     pg->quiet_pmt.forget();
 
@@ -202,27 +221,6 @@ int cmp_PMT(tsan_ctx *tc, std::span<const uint8_t> bytes, uint32_t pid)
         LOG_STMT(INFO_level, "%s: %s pid=%u %zu/%zu\n", __func__, differs == 1 ? "MISMATCH" : "ok",
                  pid, pg->nstreams, count);
     return differs;
-}
-
-static ssize_t find_stream(const stream_info *stm, size_t count, uint32_t pid)
-{
-    for (size_t i = 0; i < count; ++i)
-        if (stm[i].pid == pid)
-            return static_cast<ssize_t>(i);
-    return -1;
-}
-
-static void copy_stm_stats(stream_info *ds, const stream_info *ss)
-{
-    ds->pcount = ss->pcount;
-    ds->acount = ss->acount;
-    ds->pts_updated = ss->pts_updated;
-    ds->dts_updated = ss->dts_updated;
-    ds->last_pts = ss->last_pts;
-    ds->pts_pktnum = ss->pts_pktnum;
-    ds->last_dts = ss->last_dts;
-    ds->dts_pktnum = ss->dts_pktnum;
-    ds->cc = ss->cc;
 }
 
 void update_PMT(tsan_ctx *tc, std::span<const uint8_t> bytes, uint32_t pid)
@@ -247,16 +245,4 @@ void update_PMT(tsan_ctx *tc, std::span<const uint8_t> bytes, uint32_t pid)
                  static_cast<int>(j), i);
     }
     LOG_STMT(DEBUG_level, "%s: %zu old/new entries matched\n", __func__, matched);
-}
-
-const char *get_streamtype_txt(uint8_t i_stream_type)
-{
-    static char text[80];
-    const char *name = streamtype_text(i_stream_type);
-    if (strchr(name, ' ') == nullptr)
-        return name;
-    copy_text(text, sizeof text, name);
-    std::replace_if(
-        text, text + strlen(text), [](char c) { return c == ' ' || c == '\t'; }, '_');
-    return text;
 }

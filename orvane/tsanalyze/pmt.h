@@ -5,7 +5,6 @@
 #pragma once
 
 #include "tsanalyze/context.h"
-#include "tsanalyze/psi.h"
 
 #include <span>
 
@@ -26,7 +25,3 @@ void update_PMT(tsan_ctx *tc, std::span<const uint8_t> bytes, uint32_t pid);
 // Adds a stream to the current programme. Returns its index, or -1 when it is not analysed or the
 // table is full.
 int add_stream(tsan_ctx *tc, uint32_t pid, uint8_t scode);
-
-// Name of a stream_type without blanks, for STAT lines; may stand in a buffer that the next call
-// overwrites.
-const char *get_streamtype_txt(uint8_t i_stream_type);

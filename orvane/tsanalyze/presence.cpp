@@ -1,6 +1,6 @@
 #include "tsanalyze/presence.h"
 
-#include "tsanalyze/packet.h"
+#include "tsanalyze/tag.h"
 
 #include <libtarnlink/log.h>
 #include <libtarnlink/timeop.h>

@@ -2,24 +2,25 @@
 
 #include "tsanalyze/bitstream_guarded.h"
 
+#include <libtarnlink/strops.h>
+
 #include <algorithm>
 #include <cctype>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 
-// ---- What the printers call
+namespace {
 
-// Character-set callback: the bytes as they are.
-static char *copy_bytes(void * /*opaque*/, const char * /*encoding*/, char *string, size_t length)
+// Character-set callback of the printers: the bytes as they are.
+char *copy_bytes(void * /*opaque*/, const char * /*encoding*/, char *string, size_t length)
 {
     return strndup(string, length);
 }
 
 // Print callback: add_ctxt_line with control characters made visible. Names, languages and numbers
 // of telephones come from the source, and none of them may pass for lines of its own.
-__attribute__((format(printf, 2, 3))) static void add_visible_line(void *opaque, const char *fmt,
-                                                                   ...)
+__attribute__((format(printf, 2, 3))) void add_visible_line(void *opaque, const char *fmt, ...)
 {
     char line[MAX_PMT_TXT] = ""; // the snapshot keeps no longer one
     va_list args;
@@ -39,20 +40,15 @@ __attribute__((format(printf, 2, 3))) static void add_visible_line(void *opaque,
     add_ctxt_line(opaque, "%s", visible);
 }
 
+} // namespace
+
 // ---- Sections of packets
 
-std::span<const uint8_t> ts_section_bytes(const uint8_t *pkt)
+std::span<const uint8_t> ts_section_bytes(ts_header h, const uint8_t *pkt)
 {
-    size_t start = TS_SIZE;
-    if (ts_has_payload(pkt)) {
-        start = TS_HEADER_SIZE;
-        if (ts_has_adaptation(pkt))
-            start += 1u + ts_get_adaptation(pkt);
-        if (ts_get_unitstart(pkt))
-            start += 1; // the pointer field, not honoured
-    }
-    start = std::min<size_t>(start, TS_SIZE);
-    return {pkt + start, TS_SIZE - start};
+    const auto payload = ts_get_payload(h, pkt);
+    const bool has_pointer = hdr_is_unit_start(h) && !payload.empty();
+    return payload.subspan(has_pointer ? 1 : 0); // the pointer field, not honoured
 }
 
 psi_section::psi_section(std::span<const uint8_t> bytes)
@@ -165,7 +161,19 @@ void print_pmt(pmt_section *pmt, ctxt_spec *text)
     pmt_print(pmt->data(), add_visible_line, text, copy_bytes, nullptr, PRINT_TEXT);
 }
 
-const char *streamtype_text(uint8_t stream_type) { return pmt_get_streamtype_txt(stream_type); }
+const char *streamtype_name(uint8_t stream_type) { return pmt_get_streamtype_txt(stream_type); }
+
+const char *get_streamtype_txt(uint8_t i_stream_type)
+{
+    static char text[80];
+    const char *name = streamtype_name(i_stream_type);
+    if (strchr(name, ' ') == nullptr)
+        return name;
+    copy_text(text, sizeof text, name);
+    std::replace_if(
+        text, text + strlen(text), [](char c) { return c == ' ' || c == '\t'; }, '_');
+    return text;
+}
 
 // ---- Repeated sections
 

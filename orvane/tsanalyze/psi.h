@@ -4,7 +4,8 @@
 // the packet a section came in: a section ends at its packet's end at the latest.
 #pragma once
 
-#include "tsanalyze/context.h"
+#include "misc/ctxt.h"
+#include "tsanalyze/ts.h"
 
 #include <array>
 #include <cstdint>
@@ -21,7 +22,7 @@ enum {
 // The bytes from the start of the section in a packet to the packet's end; empty without payload.
 // In a packet that starts a payload unit the section begins behind the pointer field, whose value
 // is not honoured.
-std::span<const uint8_t> ts_section_bytes(const uint8_t *pkt);
+std::span<const uint8_t> ts_section_bytes(ts_header h, const uint8_t *pkt);
 
 // A private copy of a section with room behind it: its length never reaches past the packet, and
 // what lies behind the section is zero, so that a reader misled by a length within the section
@@ -47,6 +48,17 @@ typedef std::unique_ptr<uint8_t, free_bytes> section_copy;
 section_copy dup_psi_sec(const psi_section &pld);
 
 unsigned psi_last_section(const psi_section &pld);
+
+// Sections of one table, by section number. The copies belong to the block.
+struct psi_block {
+    uint8_t *sec[256]{};
+    bool is_complete = false; // the last section added made the table complete
+
+    psi_block() = default;
+    psi_block(const psi_block &) = delete;
+    psi_block &operator=(const psi_block &) = delete;
+    ~psi_block();
+};
 
 // Adds a copy of the section to a table and stores in is_complete whether all sections are there.
 // Without memory the table stays as it is, incomplete.
@@ -80,5 +92,21 @@ bool get_pmt_entry(pmt_section *pmt, unsigned j, pmt_entry *entry);
 // Prints a PMT into a snapshot.
 void print_pmt(pmt_section *pmt, ctxt_spec *text);
 
-// Name of a stream_type (ISO/IEC 13818-1, table 2-34).
-const char *streamtype_text(uint8_t stream_type);
+// Name of a stream_type (ISO/IEC 13818-1, table 2-34), with blanks, as people read it.
+const char *streamtype_name(uint8_t stream_type);
+
+// The same without blanks, for STAT lines; may stand in a buffer that the next call overwrites.
+const char *get_streamtype_txt(uint8_t i_stream_type);
+
+// The bytes of a section that changed nothing when it was last taken; the same bytes again need no
+// second look.
+class section_image {
+public:
+    bool matches(std::span<const uint8_t> section) const;
+    void remember(std::span<const uint8_t> section);
+    void forget() { size_ = 0; }
+
+private:
+    size_t size_ = 0;
+    std::array<uint8_t, TS_PACKET_SIZE> bytes_{};
+};

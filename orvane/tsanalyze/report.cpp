@@ -1,22 +1,23 @@
 // The report for people, and the periodic check.
 
 #include "tsanalyze/context.h"
-#include "tsanalyze/psi.h"
 
 #include <libtarnlink/timeop.h>
 
-static void dump_tracks(FILE *fp, const program_info &pg, size_t ip)
+namespace {
+
+void dump_tracks(FILE *fp, const program_info &pg, size_t ip)
 {
     fprintf(fp, "\tTracks:\n");
     for (size_t j = 0; j < pg.nstreams; ++j) {
         const stream_info &si = pg.stm[j];
         fprintf(fp, "\t\t[%zu:%zu] %c(pid%u) [%s]: P/A: %lu/%lu\n", ip, j, si.stype, si.pid,
-                streamtype_text(si.scode), si.pcount, si.acount);
+                streamtype_name(si.scode), si.pcount, si.acount);
     }
     fprintf(fp, "\n");
 }
 
-static void dump_packets(FILE *fp, const sa_stats &stat)
+void dump_packets(FILE *fp, const sa_stats &stat)
 {
     fprintf(fp, "\t++ Packets:\n");
     fprintf(fp, "\t\tprocessed/analyzed:    %lu/%lu\n", stat.pcount, stat.acount);
@@ -27,7 +28,7 @@ static void dump_packets(FILE *fp, const sa_stats &stat)
     fprintf(fp, "\n");
 }
 
-static void dump_alerts(FILE *fp, const pg_alert_count &alert)
+void dump_alerts(FILE *fp, const pg_alert_count &alert)
 {
     fprintf(fp, "\t++ Alerts:\n");
     fprintf(fp, "\t\tAV delta:          %lu\n", alert.av_deltaplus);
@@ -41,7 +42,7 @@ static void dump_alerts(FILE *fp, const pg_alert_count &alert)
     fprintf(fp, "\n");
 }
 
-static void dump_program(FILE *fp, const program_info &pg, size_t ip)
+void dump_program(FILE *fp, const program_info &pg, size_t ip)
 {
     fprintf(fp, "\t---- PRG(%zu):%zu streams, PMT(%u) PCR(%u) ----\n", ip, pg.nstreams,
             pg.curr_pmt_pid, pg.pcr_pid);
@@ -50,6 +51,8 @@ static void dump_program(FILE *fp, const program_info &pg, size_t ip)
     dump_alerts(fp, pg.alert);
     fprintf(fp, "\t------------------------------------------\n");
 }
+
+} // namespace
 
 void tsan_dump_stats(FILE *fp, tsan_t tc)
 {

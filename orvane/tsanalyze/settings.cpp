@@ -23,18 +23,14 @@ struct free_text {
     void operator()(char *text) const { free(text); }
 };
 
-} // namespace
-
-// ---- The settings file
-
 // A boolean; false when the key is absent or something else.
-static bool lookup_bool(const config_setting_t *s, const char *key)
+bool lookup_bool(const config_setting_t *s, const char *key)
 {
     int value = 0;
     return config_setting_lookup_bool(s, key, &value) == CONFIG_TRUE && value != 0;
 }
 
-static int load_sizes(const config_setting_t *s, tsan_config *cfg)
+int load_sizes(const config_setting_t *s, tsan_config *cfg)
 {
     const struct {
         const char *key;
@@ -55,7 +51,7 @@ static int load_sizes(const config_setting_t *s, tsan_config *cfg)
     return 0;
 }
 
-static void load_cc(const config_setting_t *cc, tsan_config *cfg)
+void load_cc(const config_setting_t *cc, tsan_config *cfg)
 {
     cfg->cc_track = lookup_bool(cc, "track");
     int seconds = 0;
@@ -64,7 +60,7 @@ static void load_cc(const config_setting_t *cc, tsan_config *cfg)
     cfg->cc_max_ms0_ms = static_cast<int32_t>(static_cast<uint32_t>(seconds) * 1000u);
 }
 
-static void load_tracking(const config_setting_t *s, tracking_opt *trk)
+void load_tracking(const config_setting_t *s, tracking_opt *trk)
 {
     trk->sdt_ignore = lookup_bool(s, "sdt_ignore");
     trk->misc_ignore = lookup_bool(s, "misc_ignore");
@@ -75,6 +71,57 @@ static void load_tracking(const config_setting_t *s, tracking_opt *trk)
     trk->pmt_diff = lookup_bool(s, "pmt_diff");
     trk->pat_diff = lookup_bool(s, "pat_diff");
 }
+
+// Sets the setting of that name; an unknown name is let pass.
+void set_by_name(const char *name, int64_t value, tsan_config *cfg)
+{
+    const size_t size = static_cast<size_t>(value);
+    if (strcmp(name, "skipped_pkts") == 0)
+        cfg->max_skip_pkts = size;
+    else if (strcmp(name, "pdts_delta") == 0)
+        cfg->max_pdts_delta = size;
+    else if (strcmp(name, "pcr_delta") == 0)
+        cfg->max_pcr_delta = size;
+    else if (strcmp(name, "pcr_freq") == 0)
+        cfg->pcr_freq_ms = size;
+    else if (strcmp(name, "max_zreset_time") == 0)
+        cfg->cc_max_ms0_ms = value; // milliseconds here, seconds in a settings file
+    else if (strcmp(name, "cc_track") == 0)
+        cfg->cc_track = value > 0;
+}
+
+const char *yes_no(bool flag) { return flag ? "yes" : "no"; }
+
+void dump_thresholds(FILE *stream, const tsan_config *cfg)
+{
+    if (cfg->max_pdts_delta != 0)
+        fprintf(stream, "\tPTS/DTS delta:         %zu (ms)\n", cfg->max_pdts_delta);
+    if (cfg->max_pcr_delta != 0)
+        fprintf(stream, "\tPCR delta:             %zu (ms)\n", cfg->max_pcr_delta);
+    if (cfg->pcr_freq_ms != 0)
+        fprintf(stream, "\tPCR frequency:         %zu (ms)\n", cfg->pcr_freq_ms);
+    if (cfg->dump_stats_period != 0)
+        fprintf(stream, "\tdump stats every:      %zu (sec)\n", cfg->dump_stats_period);
+    fprintf(stream, "\tvalidate CC sequence:  %s\n", yes_no(cfg->cc_track));
+    if (cfg->cc_track && cfg->cc_max_ms0_ms != 0)
+        fprintf(stream, "\tCC reset threshold:    %ld (ms)\n", cfg->cc_max_ms0_ms);
+}
+
+void dump_tracking(FILE *stream, const tracking_opt *trk)
+{
+    fprintf(stream, "\tT:sdt_ignore:          %s\n", yes_no(trk->sdt_ignore));
+    fprintf(stream, "\tT:misc_ignore:         %s\n", yes_no(trk->misc_ignore));
+    fprintf(stream, "\tT:pdts_update:         %s\n", yes_no(trk->pdts_update));
+    fprintf(stream, "\tT:pat_pmt_pkt:         %s\n", yes_no(trk->pat_pmt_pkt));
+    fprintf(stream, "\tT:pcr_update:          %s\n", yes_no(trk->pcr_update));
+    fprintf(stream, "\tT:cc_track:            %s\n", yes_no(trk->cc_track));
+    fprintf(stream, "\tT:pmt_diff:            %s\n", yes_no(trk->pmt_diff));
+    fprintf(stream, "\tT:pat_diff:            %s\n", yes_no(trk->pat_diff));
+}
+
+} // namespace
+
+// ---- The settings file
 
 int tsan_load_config(config_setting_t *section, tsan_config *cfg)
 {
@@ -101,24 +148,6 @@ int tsan_load_config(config_setting_t *section, tsan_config *cfg)
 }
 
 // ---- The command line
-
-// Sets the setting of that name; an unknown name is let pass.
-static void set_by_name(const char *name, int64_t value, tsan_config *cfg)
-{
-    const size_t size = static_cast<size_t>(value);
-    if (strcmp(name, "skipped_pkts") == 0)
-        cfg->max_skip_pkts = size;
-    else if (strcmp(name, "pdts_delta") == 0)
-        cfg->max_pdts_delta = size;
-    else if (strcmp(name, "pcr_delta") == 0)
-        cfg->max_pcr_delta = size;
-    else if (strcmp(name, "pcr_freq") == 0)
-        cfg->pcr_freq_ms = size;
-    else if (strcmp(name, "max_zreset_time") == 0)
-        cfg->cc_max_ms0_ms = value; // milliseconds here, seconds in a settings file
-    else if (strcmp(name, "cc_track") == 0)
-        cfg->cc_track = value > 0;
-}
 
 int tsan_cli_opt(const char *optstr, tsan_config *cfg)
 {
@@ -174,35 +203,6 @@ int tsan_xtrack_opt(const char *optstr, tsan_config *cfg)
 }
 
 // ---- The dump
-
-static const char *yes_no(bool flag) { return flag ? "yes" : "no"; }
-
-static void dump_thresholds(FILE *stream, const tsan_config *cfg)
-{
-    if (cfg->max_pdts_delta != 0)
-        fprintf(stream, "\tPTS/DTS delta:         %zu (ms)\n", cfg->max_pdts_delta);
-    if (cfg->max_pcr_delta != 0)
-        fprintf(stream, "\tPCR delta:             %zu (ms)\n", cfg->max_pcr_delta);
-    if (cfg->pcr_freq_ms != 0)
-        fprintf(stream, "\tPCR frequency:         %zu (ms)\n", cfg->pcr_freq_ms);
-    if (cfg->dump_stats_period != 0)
-        fprintf(stream, "\tdump stats every:      %zu (sec)\n", cfg->dump_stats_period);
-    fprintf(stream, "\tvalidate CC sequence:  %s\n", yes_no(cfg->cc_track));
-    if (cfg->cc_track && cfg->cc_max_ms0_ms != 0)
-        fprintf(stream, "\tCC reset threshold:    %ld (ms)\n", cfg->cc_max_ms0_ms);
-}
-
-static void dump_tracking(FILE *stream, const tracking_opt *trk)
-{
-    fprintf(stream, "\tT:sdt_ignore:          %s\n", yes_no(trk->sdt_ignore));
-    fprintf(stream, "\tT:misc_ignore:         %s\n", yes_no(trk->misc_ignore));
-    fprintf(stream, "\tT:pdts_update:         %s\n", yes_no(trk->pdts_update));
-    fprintf(stream, "\tT:pat_pmt_pkt:         %s\n", yes_no(trk->pat_pmt_pkt));
-    fprintf(stream, "\tT:pcr_update:          %s\n", yes_no(trk->pcr_update));
-    fprintf(stream, "\tT:cc_track:            %s\n", yes_no(trk->cc_track));
-    fprintf(stream, "\tT:pmt_diff:            %s\n", yes_no(trk->pmt_diff));
-    fprintf(stream, "\tT:pat_diff:            %s\n", yes_no(trk->pat_diff));
-}
 
 void tsan_dump_config(FILE *stream, const char *title, const tsan_config *cfg)
 {

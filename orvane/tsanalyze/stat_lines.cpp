@@ -1,12 +1,13 @@
 // The STAT lines: the report for machines, on the access log.
 
 #include "tsanalyze/context.h"
-#include "tsanalyze/pmt.h"
 
 #include <libtarnlink/log.h>
 #include <libtarnlink/timeop.h>
 
-static void log_global_stats(const tsan_ctx *tc)
+namespace {
+
+void log_global_stats(const tsan_ctx *tc)
 {
     timespec now{};
     set_real_now(&now);
@@ -15,7 +16,7 @@ static void log_global_stats(const tsan_ctx *tc)
                tc->gac.pat_diff, tc->gac.cc_mlr);
 }
 
-static void log_pmt_stats(const tsan_ctx *tc, size_t i)
+void log_pmt_stats(const tsan_ctx *tc, size_t i)
 {
     const program_info &pg = tc->pg[i];
     log_access("STAT PMTs %s %zu %u %zu\n", tc->cfg.source, i, pg.curr_pmt_pid, pg.nstreams);
@@ -26,7 +27,7 @@ static void log_pmt_stats(const tsan_ctx *tc, size_t i)
     }
 }
 
-static void log_prg_stats(const tsan_ctx *tc, size_t i)
+void log_prg_stats(const tsan_ctx *tc, size_t i)
 {
     const sa_stats &stat = tc->pg[i].stat;
     // The PCR PID is that of the latest packet's programme, not of programme i, intended.
@@ -36,12 +37,12 @@ static void log_prg_stats(const tsan_ctx *tc, size_t i)
 }
 
 // PID of a stream of the programme, or -1 when the index names none.
-static int pid_at(const program_info &pg, ssize_t idx)
+int pid_at(const program_info &pg, ssize_t idx)
 {
     return idx < 0 ? -1 : static_cast<int>(pg.stm[idx].pid);
 }
 
-static void log_prg_deltas(const tsan_ctx *tc, size_t i)
+void log_prg_deltas(const tsan_ctx *tc, size_t i)
 {
     const program_info &pg = tc->pg[i];
     const tsan_config &cfg = tc->cfg;
@@ -53,13 +54,15 @@ static void log_prg_deltas(const tsan_ctx *tc, size_t i)
         log_aval_stats("PCR-freq", cfg.source, pid_at(pg, pg.pcr_idx), -1, &pg.av_pcr_freq);
 }
 
-static void log_alert_counters(const tsan_ctx *tc, size_t i)
+void log_alert_counters(const tsan_ctx *tc, size_t i)
 {
     const pg_alert_count &alert = tc->pg[i].alert; // pmt_diff is not part of the line, intended
     log_access("STAT ALERT-count %s %zu %lu %lu %lu %lu %lu %lu %lu\n", tc->cfg.source, i,
                alert.av_deltaplus, alert.av_delta0, alert.pcr_delta, alert.pcr_freq, alert.cc_break,
                alert.cc_reset, alert.pid_ndat);
 }
+
+} // namespace
 
 void tsan_alog_stats(tsan_t tc)
 {

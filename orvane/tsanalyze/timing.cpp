@@ -1,7 +1,7 @@
 #include "tsanalyze/timing.h"
 
 #include "misc/mstime.h"
-#include "tsanalyze/packet.h"
+#include "tsanalyze/tag.h"
 
 #include <libtarnlink/log.h>
 #include <libtarnlink/mpegts.h>
@@ -87,17 +87,7 @@ void dump_time_info(tsan_ctx *tc, const char *alert, bool is_pts, uint64_t delta
                    r, si->pid, s, delta, tag.text);
 }
 
-} // namespace
-
-void pcr_freq_check(tsan_ctx *tc, uint64_t pcr)
-{
-    program_info *pg = prog(tc);
-    const uint32_t delta = pcr_delta_ms(pg->last_pcr, pcr);
-    inc_aval(&pg->av_pcr_freq, delta);
-    if (delta > tc->cfg.pcr_freq_ms)
-        alert_pcr_freq(tc, pcr, delta);
-}
-
+// Checks a stream's last PTS (or DTS) against the programme's last PCR.
 void ck_pcr(tsan_ctx *tc, bool is_pts, const stream_info *si)
 {
     program_info *pg = prog(tc);
@@ -107,6 +97,7 @@ void ck_pcr(tsan_ctx *tc, bool is_pts, const stream_info *si)
         dump_pcr_diff(tc, is_pts, delta, si);
 }
 
+// Checks a stream's last PTS (or DTS) against that of the reference stream.
 void ck_tstamp(tsan_ctx *tc, bool is_pts, const stream_info *ref, const stream_info *si)
 {
     program_info *pg = prog(tc);
@@ -120,5 +111,39 @@ void ck_tstamp(tsan_ctx *tc, bool is_pts, const stream_info *ref, const stream_i
     } else if (delta > tc->cfg.max_pdts_delta) {
         dump_time_info(tc, "AV-DELTA+", is_pts, delta, ref, si);
         ++pg->alert.av_deltaplus;
+    }
+}
+
+} // namespace
+
+void pcr_freq_check(tsan_ctx *tc, uint64_t pcr)
+{
+    program_info *pg = prog(tc);
+    const uint32_t delta = pcr_delta_ms(pg->last_pcr, pcr);
+    inc_aval(&pg->av_pcr_freq, delta);
+    if (delta > tc->cfg.pcr_freq_ms)
+        alert_pcr_freq(tc, pcr, delta);
+}
+
+void check_stamps(tsan_ctx *tc, stream_info *si)
+{
+    const program_info *pg = prog(tc);
+    if (tc->cfg.max_pcr_delta != 0 && pg->got_pcr) {
+        if (si->pts_updated)
+            ck_pcr(tc, true, si);
+        if (si->dts_updated)
+            ck_pcr(tc, false, si);
+    }
+    if (tc->cfg.max_pdts_delta == 0 || pg->ref_idx < 0)
+        return;
+    // A flag that is not cleared here makes the stream's next packet repeat the checks.
+    const stream_info *ref = &pg->stm[pg->ref_idx];
+    if (si->pts_updated && ref->last_pts != 0) {
+        ck_tstamp(tc, true, ref, si);
+        si->pts_updated = false;
+    }
+    if (si->dts_updated && ref->last_dts != 0) {
+        ck_tstamp(tc, false, ref, si);
+        si->dts_updated = false;
     }
 }

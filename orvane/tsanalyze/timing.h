@@ -5,11 +5,9 @@
 
 #include <cstdint>
 
+// Checks the fresh time stamps of an audio stream of the current programme against its PCR and its
+// reference stream.
+void check_stamps(tsan_ctx *tc, stream_info *si);
+
 // Checks the interval between the programme's last PCR and a new one, before that is stored.
 void pcr_freq_check(tsan_ctx *tc, uint64_t pcr);
-
-// Checks a stream's last PTS (or DTS) against the programme's last PCR.
-void ck_pcr(tsan_ctx *tc, bool is_pts, const stream_info *si);
-
-// Checks a stream's last PTS (or DTS) against that of the reference stream.
-void ck_tstamp(tsan_ctx *tc, bool is_pts, const stream_info *ref, const stream_info *si);

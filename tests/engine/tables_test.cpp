@@ -2,7 +2,7 @@
 
 #include "engine/engine.h"
 #include "support/lines.h"
-#include "tsanalyze/packet.h"
+#include "tsanalyze/tag.h"
 
 #include <gmock/gmock.h>
 

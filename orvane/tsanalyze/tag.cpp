@@ -1,0 +1,97 @@
+#include "tsanalyze/tag.h"
+
+#include <algorithm>
+#include <charconv>
+#include <string_view>
+
+namespace {
+
+constexpr size_t TAG_SIZE = PKTIDX_LEN - 1; // a tag has 62 characters at most
+
+// A tag is made for every alert: its pieces are put together without the formatter.
+struct tag_writer {
+    char *at;
+    char *end; // where the terminating zero must stand at the latest
+
+    void put(std::string_view piece)
+    {
+        const size_t len = std::min(piece.size(), static_cast<size_t>(end - at));
+        at = std::copy_n(piece.begin(), len, at);
+    }
+    void put(uint64_t number)
+    {
+        char digits[20];
+        const auto last = std::to_chars(digits, digits + sizeof digits, number);
+        put({digits, static_cast<size_t>(last.ptr - digits)});
+    }
+    void put(int16_t index)
+    {
+        if (index < 0)
+            put("-1");
+        else
+            put(static_cast<uint64_t>(index));
+    }
+};
+
+packet_tag current_tag(const tsan_ctx *tc)
+{
+    if (tc->ptag_at == tc->ptotal)
+        return tc->ptag;
+    const dgram_info &dat = *tc->dat;
+    packet_tag tag{.pkt_idx = tc->last_pkt_idx,
+                   .last_pcr = 0,
+                   .pcr_age = 0,
+                   .ipg = dat.ipg,
+                   .istm = dat.istm,
+                   .is_pat = dat.is_pat,
+                   .is_pmt = dat.is_pmt,
+                   .has_pcr = dat.program != nullptr && dat.program->got_pcr};
+    if (tag.has_pcr) {
+        tag.last_pcr = dat.program->last_pcr;
+        tag.pcr_age = tc->last_pkt_idx - dat.program->pcr_pktnum;
+    }
+    return tag;
+}
+
+} // namespace
+
+// PAT[n], 0:M[n], pkt[n] or 0:1[n], then :(pcr=ticks)+packets
+tag_string tag_text(const packet_tag &tag)
+{
+    tag_string result;
+    tag_writer out{result.text, result.text + TAG_SIZE - 1};
+    if (tag.is_pat) {
+        out.put("PAT[");
+    } else if (tag.ipg == -1) {
+        out.put("pkt[");
+    } else {
+        out.put(tag.ipg);
+        out.put(":");
+        if (tag.is_pmt)
+            out.put("M");
+        else
+            out.put(tag.istm);
+        out.put("[");
+    }
+    out.put(tag.pkt_idx);
+    out.put("]");
+    if (tag.has_pcr) {
+        out.put(":(pcr=");
+        out.put(tag.last_pcr);
+        out.put(")+");
+        out.put(tag.pcr_age);
+    }
+    *out.at = '\0';
+    return result;
+}
+
+tag_string tag_text(const tsan_ctx *tc)
+{
+    return tc->ptotal == 0 ? tag_string{} : tag_text(current_tag(tc));
+}
+
+void mk_ptag(tsan_ctx *tc)
+{
+    tc->ptag = current_tag(tc);
+    tc->ptag_at = tc->ptotal;
+}
