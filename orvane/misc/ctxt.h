@@ -5,12 +5,14 @@
 #include <memory>
 #include <sys/types.h>
 
-// A text buffer of fixed capacity. Its lines end with line feeds; it is not zero-terminated, and a
-// line that was cut keeps its zero byte inside the text.
+// A text buffer of fixed capacity. It holds the lines as they were printed, control characters
+// included; each ends with a line feed of the buffer's own. It is not zero-terminated, and a line
+// that was cut keeps its zero byte inside the text.
 struct ctxt_spec {
     std::unique_ptr<char[]> buf; // zero-filled, `buflen` bytes; null when closed
     ssize_t buflen = 0;
-    ssize_t textlen = 0; // always below buflen
+    ssize_t textlen = 0;               // always below buflen
+    std::unique_ptr<bool[]> line_ends; // where in the text a line feed ends a line
 };
 
 // Gives the buffer room for `max_size` bytes. Returns 0, or -1 without memory.
@@ -32,7 +34,8 @@ bool is_ctxt_full(const ctxt_spec *s);
 int cmp_ctxt(const ctxt_spec *a, const ctxt_spec *b);
 
 // Writes the text, after `msg` (may be null) on a line of its own, to a stream (null: nowhere).
-// Nothing at all is written for an empty one.
+// Nothing at all is written for an empty one. Control characters within a line are written as
+// "\xNN", a backslash as two: what comes from a capture makes no lines of its own in a log.
 void dump_ctxt(FILE *fp, const char *msg, const ctxt_spec *s);
 
 // Print callback: writes one line of at most 126 characters to the stream behind `opaque`.

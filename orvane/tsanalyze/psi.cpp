@@ -5,8 +5,6 @@
 #include <libtarnlink/strops.h>
 
 #include <algorithm>
-#include <cctype>
-#include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 
@@ -16,28 +14,6 @@ namespace {
 char *copy_bytes(void * /*opaque*/, const char * /*encoding*/, char *string, size_t length)
 {
     return strndup(string, length);
-}
-
-// Print callback: add_ctxt_line with control characters made visible. Names, languages and numbers
-// of telephones come from the source, and none of them may pass for lines of its own.
-__attribute__((format(printf, 2, 3))) void add_visible_line(void *opaque, const char *fmt, ...)
-{
-    char line[MAX_PMT_TXT] = ""; // the snapshot keeps no longer one
-    va_list args;
-    va_start(args, fmt);
-    vsnprintf(line, sizeof line, fmt, args);
-    va_end(args);
-    char visible[4 * sizeof line]; // "\xNN" for one character
-    char *out = visible;
-    for (const char *in = line; *in != '\0'; ++in) {
-        const unsigned char byte = static_cast<unsigned char>(*in);
-        if (iscntrl(byte) != 0)
-            out += snprintf(out, 5, "\\x%02x", byte);
-        else
-            *out++ = *in;
-    }
-    *out = '\0';
-    add_ctxt_line(opaque, "%s", visible);
 }
 
 } // namespace
@@ -158,7 +134,7 @@ bool get_pmt_entry(pmt_section *pmt, unsigned j, pmt_entry *entry)
 
 void print_pmt(pmt_section *pmt, ctxt_spec *text)
 {
-    pmt_print(pmt->data(), add_visible_line, text, copy_bytes, nullptr, PRINT_TEXT);
+    pmt_print(pmt->data(), add_ctxt_line, text, copy_bytes, nullptr, PRINT_TEXT);
 }
 
 const char *streamtype_name(uint8_t stream_type) { return pmt_get_streamtype_txt(stream_type); }

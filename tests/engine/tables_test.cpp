@@ -159,6 +159,23 @@ TEST(tables, no_descriptor_hangs_the_printers_or_forges_a_line)
     EXPECT_THAT(printed({0xbd, 255, 1, 2}), HasSubstr("desc bd unknown length=255 value=0102"));
 }
 
+TEST(tables, a_byte_and_the_text_that_shows_it_are_two_things)
+{
+    tsan_config cfg = every_check();
+    cfg.trk.pmt_diff = true;
+    engine e(cfg);
+    e.c.pat({{1, 0x100}});
+    for (const std::string name : {"a\x01", "a\\x01"}) {
+        octets service{0x48, static_cast<uint8_t>(3 + name.size()), 1, 0};
+        service.push_back(static_cast<uint8_t>(name.size()));
+        service.insert(service.end(), name.begin(), name.end());
+        e.c.pmt(0x100, {.pcr_pid = 0x101, .streams = {{0x1b, 0x101, service}}});
+    }
+    EXPECT_EQ(e.alerts(), "ALERT PMT-DIFF src 256 1 1 257 0:M[3]\n");
+    EXPECT_THAT(lines_with(e.log(), "service="), IsSupersetOf({HasSubstr(R"( service="a\x01")"),
+                                                               HasSubstr(R"( service="a\\x01")")}));
+}
+
 TEST(tables, a_snapshot_that_runs_out_of_room_is_cut_and_told)
 {
     octets vbi{0x45, 100, 0x01, 98}; // prints a line for each of its bytes
