@@ -107,18 +107,48 @@ pmt_section::pmt_section(std::span<const uint8_t> bytes) : psi_section(bytes)
     constexpr uint16_t shortest = PMT_HEADER_SIZE - PSI_HEADER_SIZE + PSI_CRC_SIZE;
     if (psi_get_length(pmt) < shortest)
         psi_set_length(pmt, shortest);
-    const size_t end = size_t{psi_get_length(pmt)} + PSI_HEADER_SIZE - PSI_CRC_SIZE;
 
-    const size_t info = std::min<size_t>(pmt_get_desclength(pmt), end - PMT_HEADER_SIZE);
-    pmt_set_desclength(pmt, static_cast<uint16_t>(info));
-    for (size_t at = PMT_HEADER_SIZE + info; at < end;) {
+    const size_t info = std::min<size_t>(pmt_get_desclength(pmt), end() - PMT_HEADER_SIZE);
+    size_t at = PMT_HEADER_SIZE;
+    pmt_set_desclength(pmt, static_cast<uint16_t>(clip_descriptors(at, info)));
+    at += pmt_get_desclength(pmt);
+    while (at < end()) {
         uint8_t *entry = pmt + at;
         at += PMT_ES_SIZE;
-        const size_t room = at < end ? end - at : 0;
+        const size_t room = at < end() ? end() - at : 0;
         const size_t len = std::min<size_t>(pmtn_get_desclength(entry), room);
-        pmtn_set_desclength(entry, static_cast<uint16_t>(len));
-        at += len;
+        pmtn_set_desclength(entry, static_cast<uint16_t>(clip_descriptors(at, len)));
+        at += pmtn_get_desclength(entry);
     }
+}
+
+// Where the CRC begins.
+size_t pmt_section::end() const
+{
+    return size_t{psi_get_length(data())} + PSI_HEADER_SIZE - PSI_CRC_SIZE;
+}
+
+// Ends the descriptors of a loop where the loop ends: what a descriptor claims beyond it would be
+// printed too, line by line. A last byte that is only a tag gets a length of 0, for which the rest
+// of the section moves up. Returns the loop's length now.
+size_t pmt_section::clip_descriptors(size_t at, size_t len)
+{
+    uint8_t *loop = data() + at;
+    size_t used = 0;
+    while (used + DESC_HEADER_SIZE <= len) {
+        uint8_t *desc = loop + used;
+        const size_t room = len - used - DESC_HEADER_SIZE;
+        if (desc_get_length(desc) > room)
+            desc_set_length(desc, static_cast<uint8_t>(room));
+        used += size_t{DESC_HEADER_SIZE} + desc_get_length(desc);
+    }
+    if (used == len)
+        return len;
+    uint8_t *rest = loop + len;
+    memmove(rest + 1, rest, static_cast<size_t>(data() + end() + PSI_CRC_SIZE - rest));
+    *rest = 0;
+    psi_set_length(data(), static_cast<uint16_t>(psi_get_length(data()) + 1));
+    return len + 1;
 }
 
 uint32_t pmt_pcr_pid(const pmt_section &pmt) { return pmt_get_pcrpid(pmt.data()); }

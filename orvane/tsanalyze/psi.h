@@ -34,7 +34,8 @@ public:
     const uint8_t *data() const { return bytes_.data(); }
 
 private:
-    // A packet's bytes, and twice the 255 bytes and the headers that a length field can jump.
+    // A packet's bytes, what a PMT's descriptors may gain (pmt_section), and twice the 255 bytes
+    // and the headers that a length field can jump.
     std::array<uint8_t, 1024> bytes_{};
 };
 
@@ -73,10 +74,15 @@ bool pat_entry_pid(const psi_block &table, unsigned section, unsigned j, uint32_
 // Prints a complete PAT to a stream.
 void print_pat(psi_block *table, FILE *fp);
 
-// A PMT section whose information lengths end where its CRC begins.
+// A PMT section whose information lengths end where its CRC begins, and whose descriptors end with
+// their loops.
 class pmt_section : public psi_section {
 public:
     explicit pmt_section(std::span<const uint8_t> bytes);
+
+private:
+    size_t end() const;
+    size_t clip_descriptors(size_t at, size_t len);
 };
 
 struct pmt_entry {

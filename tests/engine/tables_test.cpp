@@ -6,6 +6,8 @@
 
 #include <gmock/gmock.h>
 
+#include <functional>
+
 using namespace testing;
 
 TEST(tables, a_changed_pat_is_merged_and_reported_once)
@@ -156,7 +158,50 @@ TEST(tables, no_descriptor_hangs_the_printers_or_forges_a_line)
     EXPECT_THAT(printed({0x48, 6, 1, 1, 'P', 2, 'a', '\n'}), HasSubstr(R"( service="a\x0a")"));
     EXPECT_THAT(printed({0x57, 6, 0, 0, 3, '\n', 'A', 'L'}), HasSubstr(R"( phone=\x0aAL)"));
     EXPECT_THAT(printed({0x0a, 4, 'd', 'e', 'u', 0}), HasSubstr("language=deu audiotype=0"));
-    EXPECT_THAT(printed({0xbd, 255, 1, 2}), HasSubstr("desc bd unknown length=255 value=0102"));
+    EXPECT_THAT(printed({0xbd, 255, 1, 2}), HasSubstr("desc bd unknown length=2 value=0102"));
+}
+
+// Descriptors that claim more than their loop holds, a last one that is only a tag among them.
+TEST(tables, a_descriptor_ends_with_its_loop)
+{
+    tsan_config cfg = every_check();
+    cfg.trk.pmt_diff = true;
+    engine e(cfg);
+    e.c.pat({{1, 0x100}});
+    e.c.pmt(0x100, {.pcr_pid = 0x101,
+                    .descriptors = {0x0e, 255, 0xc0, 0, 1, 0xbe},
+                    .streams = {{0x1b, 0x101, {0xbd, 9, 1}}, {4, 0x102, {0xbd}}, {4, 0x103}}});
+    EXPECT_THAT(lines_with(e.log(), "desc "),
+                ElementsAre(EndsWith("maximum_bitrate max_bitrate=1 max_bitrate_decoded=50"),
+                            EndsWith("desc bd unknown length=1 value=01"),
+                            EndsWith("desc bd unknown length=0 value=")));
+    EXPECT_EQ(e.t->pg[0].nstreams, 3u);
+}
+
+TEST(tables, no_capture_floods_the_log)
+{
+    const auto floods = [](const std::function<void(capture_builder *, unsigned)> &add) {
+        engine e;
+        log_timefmt(&g_log, 0);
+        for (unsigned i = 0; i < 100; ++i)
+            add(&e.c, i);
+        return e.log().size() > 100 * e.c.bytes().size();
+    };
+    octets one_line_a_byte{0x45, 158, 1, 156};
+    one_line_a_byte.resize(160, 0xe0);
+    const std::vector<es_entry> claims_too_much(17, {0x1b, 0x101, {0x45, 255, 1, 253}});
+    for (const std::vector<es_entry> &streams :
+         {{{0x1b, 0x101, one_line_a_byte}}, {{0x1b, 0x101, octets(160, 0x45)}}, claims_too_much})
+        EXPECT_FALSE(floods([&streams](capture_builder *c, unsigned i) {
+            c->pat({{1, 0x100}});
+            c->pmt(0x100, {.pcr_pid = 0x101, .version = i % 2, .streams = streams});
+        }));
+    EXPECT_FALSE(floods([](capture_builder *c, unsigned i) { // each replaces the whole list
+        std::vector<pat_entry> programs;
+        for (unsigned j = 0; j < 31; ++j)
+            programs.push_back({j + 1, 0x100 + 0x100 * (i % 2) + j});
+        c->pat(programs, {.version = i % 2});
+    }));
 }
 
 TEST(tables, a_byte_and_the_text_that_shows_it_are_two_things)
