@@ -33,10 +33,12 @@ struct tag_writer {
     }
 };
 
-packet_tag current_tag(const tsan_ctx *tc)
+// Whether the current packet's tag was taken down.
+bool is_taken(const tsan_ctx *tc) { return tc->ptag_at == tc->ptotal; }
+
+// The current packet's tag by the context's present state.
+packet_tag make_tag(const tsan_ctx *tc)
 {
-    if (tc->ptag_at == tc->ptotal)
-        return tc->ptag;
     const dgram_info &dat = *tc->dat;
     packet_tag tag{.pkt_idx = tc->last_pkt_idx,
                    .last_pcr = 0,
@@ -87,11 +89,15 @@ tag_string tag_text(const packet_tag &tag)
 
 tag_string tag_text(const tsan_ctx *tc)
 {
-    return tc->ptotal == 0 ? tag_string{} : tag_text(current_tag(tc));
+    if (tc->ptotal == 0)
+        return {};
+    return tag_text(is_taken(tc) || !tc->shortcuts.late_tag ? tc->ptag : make_tag(tc));
 }
 
 void mk_ptag(tsan_ctx *tc)
 {
-    tc->ptag = current_tag(tc);
+    if (is_taken(tc))
+        return;
+    tc->ptag = make_tag(tc);
     tc->ptag_at = tc->ptotal;
 }

@@ -86,9 +86,12 @@ TEST(timing, pcr_intervals_across_wraps_and_steps)
                                uint64_t{8190}, uint64_t{8100}, uint64_t{0}, uint64_t{90000}})
         e.c.pcr(0x101, pcr);
     e.c.packet(0x101, {.adaptation = 0}); // no flags: what looks like some is payload
-    EXPECT_EQ(e.alerts(), "ALERT PCR-FREQ src 257 4500 8190 41 [0:0[7]:(pcr=4500)+1]\n");
-    EXPECT_EQ(e.t->pg[0].av_pcr_freq.count, 6u); // neither the first PCR nor the one after 0
-    EXPECT_EQ(e.t->pg[0].av_pcr_freq.total, 10u + 20 + 40 + 41 + 0 + 0);
+    e.c.skip_cc(0x101);
+    e.c.packet(0x101, {.pcr = 90900}); // the tag tells of the PCR before its own
+    EXPECT_EQ(e.alerts(), "ALERT PCR-FREQ src 257 4500 8190 41 [0:0[7]:(pcr=4500)+1]\n"
+                          "ALERT CC-BRK src 257 0 0 2 0:0[12]:(pcr=90000)+2\n");
+    EXPECT_EQ(e.t->pg[0].av_pcr_freq.count, 7u); // neither the first PCR nor the one after 0
+    EXPECT_EQ(e.t->pg[0].av_pcr_freq.total, 10u + 20 + 40 + 41 + 0 + 0 + 10);
 }
 
 TEST(timing, audio_against_the_pcr_and_the_reference)
