@@ -1,7 +1,7 @@
 // The text of a settings file.
 
 #include "fuzz_logs.h"
-#include "orvane/tsa/settings_file.h"
+#include "tsa/settings_file.h"
 #include "tsanalyze/tsanalyze.h"
 
 #include <cstdlib>

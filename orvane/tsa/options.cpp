@@ -1,8 +1,8 @@
-#include "orvane/tsa/options.h"
+#include "tsa/options.h"
 
 #include "common/appcfg.h"
 #include "common/meta.h"
-#include "orvane/tsa/settings_file.h"
+#include "tsa/settings_file.h"
 
 #include <libtarnlink/log.h>
 #include <libtarnlink/strops.h>

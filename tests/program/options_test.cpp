@@ -1,11 +1,9 @@
-// The command line, the settings file and the frame of a run.
+// The command line.
 
 #include "program.h"
-#include "support/capture.h"
 
 #include <gmock/gmock.h>
 
-#include <fstream>
 #include <regex>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -13,27 +11,6 @@
 #include <unistd.h>
 
 using namespace testing;
-
-namespace {
-
-std::string exit_line(int status)
-{
-    return "@ (NRM)  FSCN  BANNER EXIT(" + std::to_string(status) + "). PID=PID\n";
-}
-
-std::string null_text(int count)
-{
-    capture_builder c;
-    c.null(count);
-    return c.text();
-}
-
-struct program : Test {
-    temp_dir dir;
-    std::string file = dir.file("null.ts", null_text(3));
-};
-
-} // namespace
 
 TEST_F(program, refuses_what_it_cannot_do)
 {
@@ -107,81 +84,6 @@ TEST_F(program, settings_in_three_layers)
         EXPECT_EQ(found, values);
     }
     unsetenv("SHOW_ORV_CFG");
-}
-
-TEST_F(program, settings_files_that_fail)
-{
-    const std::string head = "orv: {stream_analyzer: {enabled = true;\n";
-    const std::string parsing = "Error reading/parsing config file [FILE]: line ";
-    const std::pair<std::string, std::string> cases[] = {
-        {"", "load_config: missing orv.stream_analyzer section\n"},
-        {head + "\n\n\n\n\n = };};", parsing + "7: syntax error\n"},
-        {std::string(10'000'000, 'a'), parsing + "0: File too large\n"},
-        {"\n @include \"/\"\n", parsing + "2: Is a directory\n"},
-        {"a = " + std::string(1'000'000, '('), parsing + "1: memory exhausted\n"},
-        {head + "source_tag = \"" + std::string(63, 't') + "\";};};",
-         "load_config_setting_str: source_tag value is too long (63), max = 63 characters.\n"},
-        {head + "pcr_freq_ms = \"" + std::string(32, '1') + "\";};};",
-         "load_config_setting_str: pcr_freq_ms value is too long (32), max = 32 characters.\n"},
-        {head + "pcr_freq_ms = \"2X\";};};", "tsan_load_config: failed to load config, rc=-5\n"},
-    };
-    for (const auto &[text, problem] : cases) {
-        const std::string path = dir.file("settings", text);
-        run_result result = orvscan({"-C", path, file});
-        replace_all(&result.err, path, "FILE");
-        EXPECT_THAT(result.err, StartsWith("@ (ERR)  FSCN  " + problem + "@ (ERR)  FSCN  "));
-        EXPECT_THAT(result.err, HasSubstr("  load_config: [FILE] FAILED (-"));
-        EXPECT_THAT(result.err, EndsWith(")\n" + exit_line(2)));
-    }
-}
-
-TEST_F(program, counts_records)
-{
-    const struct {
-        int packets;
-        std::vector<std::string> args;
-        std::string read, processed;
-    } cases[] = {{0, {}, "0/0", "0/0"},
-                 {250, {}, "47000/250", "250/0"},
-                 {1000, {"-m", "10"}, "18800/10", "11/0"},
-                 {1000, {"-m", "100"}, "37600/100", "101/0"},
-                 {101, {"-r", "2"}, "18800/100", "100/0"},
-                 {101, {"-r", "1000"}, "0/0", "0/0"}};
-    for (auto [packets, args, read, processed] : cases) {
-        dir.file("null.ts", null_text(packets) + std::string(187, 'G'));
-        args.insert(args.end(), {"-v", file});
-        const run_result result = orvscan(args);
-        EXPECT_THAT(result.err, HasSubstr("  " + read + " bytes/records read from [" + file +
-                                          "]\ntsan_stats BEGIN\n\tProcessed/analyzed             " +
-                                          processed + "\n"));
-        EXPECT_THAT(result.err, EndsWith("\ntsan_stats END\n" + exit_line(0)));
-        EXPECT_EQ(result.out, "\n");
-    }
-    const std::string no_packet = dir.file("no.ts", std::string(188, 'H'));
-    EXPECT_THAT(orvscan({no_packet}).err, EndsWith("tsan_stats END\n" + exit_line(2)));
-}
-
-TEST_F(program, reads_a_pipe_and_stops_on_signals)
-{
-    capture_builder c;
-    c.null(99);
-    c.pat({{1, 0x100}});
-    const std::string fifo = dir.path("fifo");
-    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    for (const int signo : {0, SIGINT, SIGTERM}) {
-        process run({ORVSCAN_PROGRAM, "-v", fifo});
-        std::ofstream feed(fifo, std::ios::binary);
-        feed << c.text() << std::flush;
-        ASSERT_TRUE(run.says("using PAT")); // as soon as the group is there
-        run.send(signo);
-        feed << null_text(150) << "G";
-        feed.close();
-        const run_result result = comparable(run.wait());
-        const std::string records = signo == 0 ? "250" : "100";
-        EXPECT_THAT(result.err, HasSubstr("  47000/" + records + " bytes/records read"));
-        EXPECT_THAT(result.err, EndsWith("\ntsan_stats END\n" + exit_line(0)));
-        EXPECT_EQ(result.out, signo == 0 ? "\n" : "\nSIG(" + std::to_string(signo) + ")\n\n");
-    }
 }
 
 // A socket of the test's own stands at /dev/log, in a mount namespace of the run's own.
