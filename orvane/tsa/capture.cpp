@@ -1,4 +1,4 @@
-#include "orvane/tsa/capture.h"
+#include "tsa/capture.h"
 
 #include "tsanalyze/tsanalyze.h"
 
@@ -14,11 +14,13 @@ constexpr size_t GROUP_BYTES = READ_PKTS * TS_PACKET_SIZE;
 // Small enough for the second-level cache: packets are looked at while they are still in it.
 constexpr size_t BUF_BYTES = 14 * GROUP_BYTES;
 
+alignas(64) uint8_t g_buf[BUF_BYTES];
+
 // Reads what the input has, as far as there is room. False at the end of the input.
 bool fill(capture *cap)
 {
     for (;;) {
-        const ssize_t n = read(cap->fd, cap->buf.get() + cap->end, BUF_BYTES - cap->end);
+        const ssize_t n = read(cap->fd, g_buf + cap->end, BUF_BYTES - cap->end);
         if (n > 0) {
             cap->end += static_cast<size_t>(n);
             return true;
@@ -43,10 +45,7 @@ capture::~capture()
 int open_capture(capture *cap, const char *path)
 {
     cap->fd = open(path, O_RDONLY | O_CLOEXEC);
-    if (cap->fd < 0)
-        return errno;
-    cap->buf = std::make_unique_for_overwrite<uint8_t[]>(BUF_BYTES);
-    return 0;
+    return cap->fd < 0 ? errno : 0;
 }
 
 int seek_capture(capture *cap, off_t offset)
@@ -59,13 +58,13 @@ size_t next_packets(capture *cap, const uint8_t **pkts)
     bool more = true;
     while (more && cap->end - cap->start < GROUP_BYTES) {
         // Begin anew at the front: always on the same cache lines, and with room for a large read.
-        memmove(cap->buf.get(), cap->buf.get() + cap->start, cap->end - cap->start);
+        memmove(g_buf, g_buf + cap->start, cap->end - cap->start);
         cap->end -= cap->start;
         cap->start = 0;
         more = fill(cap);
     }
     const size_t count = std::min(READ_PKTS, (cap->end - cap->start) / TS_PACKET_SIZE);
-    *pkts = cap->buf.get() + cap->start;
+    *pkts = g_buf + cap->start;
     cap->start += count * TS_PACKET_SIZE;
     return count;
 }

@@ -3,18 +3,17 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <sys/types.h>
 
 constexpr size_t READ_PKTS = 100; // packets handed out at a time
 
-// An open capture. Blocks larger than 100 packets are read underneath where the input has them.
+// An open capture. Blocks larger than 100 packets are read underneath where the input has them,
+// into a static buffer: there is one capture at a time.
 struct capture {
     int fd = -1;
     int error = 0;    // error number of a failed read; the capture then ends
     size_t start = 0; // what is buffered and not handed out yet
     size_t end = 0;
-    std::unique_ptr<uint8_t[]> buf;
 
     capture() = default;
     capture(const capture &) = delete;
