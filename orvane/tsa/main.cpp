@@ -1,8 +1,8 @@
 // The driver: reads a capture packet by packet through the engine and reports.
 
 #include "common/meta.h"
-#include "orvane/tsa/capture.h"
-#include "orvane/tsa/options.h"
+#include "tsa/capture.h"
+#include "tsa/options.h"
 
 #include <libtarnlink/invariant.h>
 #include <libtarnlink/log.h>
@@ -11,7 +11,9 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
 #include <memory>
+#include <new>
 #include <unistd.h>
 
 namespace {
@@ -46,6 +48,21 @@ void handle_quit(int signo)
     [[maybe_unused]] const ssize_t written = write(STDOUT_FILENO, text, len);
     errno = saved;
     g_quit = 1;
+}
+
+// Standard output and error that are closed lead nowhere, so that no file opened later gets their
+// numbers and the logs with them.
+void keep_outputs()
+{
+    for (const int fd : {STDOUT_FILENO, STDERR_FILENO}) {
+        if (fcntl(fd, F_GETFD) != -1)
+            continue;
+        const int null = open("/dev/null", O_WRONLY);
+        if (null != fd) {
+            dup2(null, fd);
+            close(null);
+        }
+    }
 }
 
 void setup_logs()
@@ -127,13 +144,19 @@ int run(tsan_t th, capture *cap)
     return rc;
 }
 
+int report_no_memory(const char *call)
+{
+    LOG_STMT(ERR_level, "%s() ERROR(%d): %s\n", call, ENOMEM, strerror(ENOMEM));
+    return ENOMEM;
+}
+
 // Everything between the options and the end. Returns the run's status.
 int analyze_capture()
 {
     int rc = 0;
     const context th(tsan_init(nullptr, &g_cfg.tsa, &rc));
     if (th == nullptr)
-        return rc;
+        return report_no_memory("tsan_init");
     INVARIANT(g_cfg.fpath[0] != '\0');
     capture cap;
     if (const int error = open_capture(&cap, g_cfg.fpath); error != 0) {
@@ -146,17 +169,27 @@ int analyze_capture()
     return run(th.get(), &cap);
 }
 
+// The whole run. Returns its status.
+int analyze(int argc, char *argv[])
+{
+    try {
+        const int rc = parse_options(argc, argv);
+        return rc == 0 ? analyze_capture() : rc;
+    } catch (const std::bad_alloc &) {
+        return report_no_memory("new");
+    }
+}
+
 } // namespace
 
 int main(int argc, char *argv[])
 {
+    keep_outputs();
     if (argc <= 1)
         usage(argc > 0 ? argv[0] : "orvscan", 1);
     setup_logs();
     init_config();
-    int rc = parse_options(argc, argv);
-    if (rc == 0)
-        rc = analyze_capture();
+    int rc = analyze(argc, argv);
     if (rc < 0)
         rc = 2;
     LOG_STMT(NORM_level, "%s EXIT(%d). PID=%ld\n", version_banner(), rc,

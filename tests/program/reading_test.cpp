@@ -7,6 +7,7 @@
 
 #include <fcntl.h>
 #include <fstream>
+#include <map>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -18,24 +19,29 @@ TEST_F(program, counts_records)
         int packets;
         std::vector<std::string> args;
         std::string read, processed;
+        int bad_sync = -1;
+        int status = 0;
     } cases[] = {{0, {}, "0/0", "0/0"},
                  {250, {}, "47000/250", "250/0"},
                  {1000, {"-m", "10"}, "18800/10", "11/0"},
                  {1000, {"-m", "100"}, "37600/100", "101/0"},
                  {101, {"-r", "2"}, "18800/100", "100/0"},
-                 {101, {"-r", "1000"}, "0/0", "0/0"}};
-    for (auto [packets, args, read, processed] : cases) {
-        dir.file("null.ts", null_text(packets) + std::string(187, 'G'));
+                 {101, {"-r", "1000"}, "0/0", "0/0"},
+                 {350, {}, "37600/149", "150/0", 149, 2},
+                 {1, {}, "188/0", "1/0", 0, 2}};
+    for (auto [packets, args, read, processed, bad_sync, status] : cases) {
+        std::string text = null_text(packets) + std::string(187, 'G');
+        if (bad_sync >= 0)
+            text[static_cast<size_t>(bad_sync) * PKT_SIZE] = 'H';
+        dir.file("null.ts", text);
         args.insert(args.end(), {"-v", file});
         const run_result result = orvscan(args);
         EXPECT_THAT(result.err, HasSubstr("  " + read + " bytes/records read from [" + file +
                                           "]\ntsan_stats BEGIN\n\tProcessed/analyzed             " +
                                           processed + "\n"));
-        EXPECT_THAT(result.err, EndsWith("\ntsan_stats END\n" + exit_line(0)));
+        EXPECT_THAT(result.err, EndsWith("\ntsan_stats END\n" + exit_line(status)));
         EXPECT_EQ(result.out, "\n");
     }
-    const std::string no_packet = dir.file("no.ts", std::string(188, 'H'));
-    EXPECT_THAT(orvscan({no_packet}).err, EndsWith("tsan_stats END\n" + exit_line(2)));
 }
 
 TEST_F(program, reads_a_pipe_and_stops_on_signals)
@@ -59,4 +65,117 @@ TEST_F(program, reads_a_pipe_and_stops_on_signals)
         EXPECT_THAT(result.err, EndsWith("\ntsan_stats END\n" + exit_line(0)));
         EXPECT_EQ(result.out, signo == 0 ? "\n" : "\nSIG(" + std::to_string(signo) + ")\n\n");
     }
+}
+
+// A packet pipe hands out what one write brought, and no more.
+TEST(capture, of_reads_of_any_size)
+{
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_DIRECT | O_CLOEXEC), 0);
+    capture cap;
+    cap.fd = ends[0];
+    const std::string text = null_text(4);
+    size_t at = 0;
+    for (const size_t size : {1U, 1U, 185U, 1U, 1U, 187U, 188U, 1U, 187U})
+        at += static_cast<size_t>(write(ends[1], text.data() + at, size));
+    ASSERT_EQ(at, text.size());
+    close(ends[1]);
+    const uint8_t *pkts = nullptr;
+    ASSERT_EQ(next_packets(&cap, &pkts), 4U);
+    EXPECT_EQ(std::string(pkts, pkts + text.size()), text);
+    EXPECT_EQ(next_packets(&cap, &pkts), 0U);
+    EXPECT_EQ(cap.error, 0);
+}
+
+TEST(capture, that_changes_its_size)
+{
+    const temp_dir dir;
+    const std::string path = dir.file("c.ts", null_text(3000));
+    capture cap;
+    ASSERT_EQ(open_capture(&cap, path.c_str()), 0);
+    const uint8_t *pkts = nullptr;
+    EXPECT_EQ(next_packets(&cap, &pkts), READ_PKTS);
+    ASSERT_EQ(truncate(path.c_str(), 2050 * 188 + 7), 0);
+    size_t count = READ_PKTS;
+    while (const size_t n = next_packets(&cap, &pkts))
+        count += n;
+    EXPECT_EQ(count, 2050U);
+    std::ofstream(path, std::ios::app) << null_text(2).substr(7);
+    EXPECT_EQ(next_packets(&cap, &pkts), 2U);
+    EXPECT_EQ(pkts[188], 0x47);
+}
+
+TEST_F(program, reports_a_read_that_fails)
+{
+    const run_result result = orvscan({"-v", dir.path()});
+    EXPECT_THAT(result.err,
+                HasSubstr("(ERR)  FSCN  read([" + dir.path() + "]) ERROR(21): Is a directory\n"));
+    EXPECT_THAT(result.err, HasSubstr("  0/0 bytes/records read from"));
+    EXPECT_THAT(result.err, EndsWith("tsan_stats END\n" + exit_line(0)));
+}
+
+// Each of the standard descriptors open or closed.
+TEST_F(program, runs_without_standard_descriptors)
+{
+    const run_result whole = orvscan({"-aon", file});
+    for (const std::string in : {"", "0<&- "}) {
+        for (const std::string out : {"", "1>&- "}) {
+            for (const std::string err : {"", "2>&- "}) {
+                const std::string closing = in + out + err;
+                const run_result result = comparable(run_process(
+                    {"sh", "-c", "exec \"$@\" " + closing, "sh", ORVSCAN_PROGRAM, "-aon", file}));
+                EXPECT_EQ(result.status, 0) << closing;
+                EXPECT_EQ(result.out, out.empty() ? whole.out : "") << closing;
+                EXPECT_EQ(result.err, err.empty() ? whole.err : "") << closing;
+            }
+        }
+    }
+}
+
+TEST_F(program, goes_on_when_nothing_can_be_written)
+{
+    for (const std::string redirection : {">/dev/full", "2>/dev/full", ">/dev/full 2>&1"}) {
+        const std::string command = "exec \"$@\" " + redirection;
+        EXPECT_EQ(run_process({"sh", "-c", command, "sh", ORVSCAN_PROGRAM, "-aon", file}).status,
+                  0);
+    }
+}
+
+// As usual in pipelines: it ends where nobody reads its alerts any more.
+TEST_F(program, ends_with_the_reader_of_its_output)
+{
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    close(ends[0]);
+    const std::string command = "exec \"$@\" >&" + std::to_string(ends[1]);
+    EXPECT_EQ(run_process({"sh", "-c", command, "sh", ORVSCAN_PROGRAM, file}).status, -SIGPIPE);
+    close(ends[1]);
+}
+
+// The settings library's own allocations apart, which it does not look at.
+TEST_F(program, says_so_without_memory)
+{
+    if (ORVSCAN_FAIL_ALLOC[0] == '\0')
+        GTEST_SKIP() << "the sanitizer has allocations of its own";
+    capture_builder c;
+    c.pat({{1, 0x100}});
+    const std::string capture = dir.file("c.ts", c.text());
+    dir.file("part", "source_tag = \"a tag too long to be kept in the text itself\";\n");
+    const std::string settings =
+        dir.file("settings", "orv: {stream_analyzer: {enabled = true;\n@include \"" +
+                                 dir.path("part") + "\"\n};};\n");
+    std::map<int, int> ends;
+    for (int number = 1; number <= 40; ++number) {
+        const run_result run = comparable(run_process(
+            {"env", "LD_PRELOAD=" ORVSCAN_FAIL_ALLOC, "FAIL_ALLOC=" + std::to_string(number),
+             ORVSCAN_PROGRAM, "-C", settings, "-A", "pcr_freq=1", capture}));
+        ++ends[run.status];
+        EXPECT_THAT(run.err, EndsWith(exit_line(run.status))) << number;
+        if (run.status == ENOMEM) {
+            EXPECT_THAT(run.err, HasSubstr("() ERROR(12): Cannot allocate memory\n")) << number;
+        }
+    }
+    // 2: no stream to read settings through; 22: the text of -A.
+    EXPECT_THAT(ends,
+                ElementsAre(Pair(0, Ge(15)), Pair(2, 2), Pair(ENOMEM, Ge(8)), Pair(EINVAL, 1)));
 }

@@ -1,0 +1,70 @@
+// Preloaded into a program, lets the allocation number FAIL_ALLOC fail, counted from 1. Those the
+// settings library calls for are let alone: it does not look whether it got any.
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <dlfcn.h>
+#include <string_view>
+
+extern "C" {
+void *__libc_malloc(size_t size);
+void *__libc_calloc(size_t count, size_t size);
+void *__libc_realloc(void *old, size_t size);
+char *__strdup(const char *text) noexcept;
+}
+
+namespace {
+
+long g_left;
+
+__attribute__((constructor)) void set_number()
+{
+    const char *number = getenv("FAIL_ALLOC");
+    g_left = number == nullptr ? 0 : strtol(number, nullptr, 10);
+}
+
+bool fails(const void *caller)
+{
+    Dl_info from{};
+    if (g_left <= 0 ||
+        (dladdr(caller, &from) != 0 &&
+         std::string_view(from.dli_fname).find("libconfig") != std::string_view::npos))
+        return false;
+    errno = ENOMEM;
+    return --g_left == 0;
+}
+
+char *copy_for(const void *caller, const char *text)
+{
+    const size_t size = strlen(text) + 1;
+    void *copy = fails(caller) ? nullptr : __libc_malloc(size);
+    return copy == nullptr ? nullptr : static_cast<char *>(memcpy(copy, text, size));
+}
+
+} // namespace
+
+extern "C" void *malloc(size_t size)
+{
+    return fails(__builtin_return_address(0)) ? nullptr : __libc_malloc(size);
+}
+
+extern "C" void *calloc(size_t count, size_t size)
+{
+    return fails(__builtin_return_address(0)) ? nullptr : __libc_calloc(count, size);
+}
+
+extern "C" void *realloc(void *old, size_t size)
+{
+    return fails(__builtin_return_address(0)) ? nullptr : __libc_realloc(old, size);
+}
+
+extern "C" char *strdup(const char *text) noexcept
+{
+    return copy_for(__builtin_return_address(0), text);
+}
+
+extern "C" char *__strdup(const char *text) noexcept
+{
+    return copy_for(__builtin_return_address(0), text);
+}
