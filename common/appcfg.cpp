@@ -7,12 +7,16 @@
 #include <strings.h>
 #include <syslog.h>
 
-static constexpr std::array<int, 8> LOCAL_FACILITIES{
+namespace {
+
+constexpr std::array<int, 8> LOCAL_FACILITIES{
     LOG_LOCAL0, LOG_LOCAL1, LOG_LOCAL2, LOG_LOCAL3, LOG_LOCAL4, LOG_LOCAL5, LOG_LOCAL6, LOG_LOCAL7,
 };
-static constexpr std::array<const char *, 8> LOCAL_NAMES{
+constexpr std::array<const char *, 8> LOCAL_NAMES{
     "local0", "local1", "local2", "local3", "local4", "local5", "local6", "local7",
 };
+
+} // namespace
 
 int str2fac(const char *name)
 {

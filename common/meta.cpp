@@ -3,7 +3,11 @@
 #include <cstdio>
 #include <sys/utsname.h>
 
-static char g_banner[256];
+namespace {
+
+char g_banner[256];
+
+} // namespace
 
 const char *version_banner()
 {

@@ -9,7 +9,9 @@
 #include <unistd.h>
 #include <utility>
 
-[[noreturn]] static void exec_program(const std::vector<std::string> &args)
+namespace {
+
+[[noreturn]] void exec_program(const std::vector<std::string> &args)
 {
     std::vector<char *> argv(args.size() + 1); // ends with a null
     std::transform(args.begin(), args.end(), argv.begin(),
@@ -19,6 +21,8 @@
     perror(argv[0]);
     _exit(127);
 }
+
+} // namespace
 
 process::process(const std::vector<std::string> &args) : m_out(memfd_create("stdout", MFD_CLOEXEC))
 {
