@@ -59,7 +59,8 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     if (fd < 0 || write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size()))
         abort();
     FILE *fp = fopen(("/proc/self/fd/" + std::to_string(fd)).c_str(), "r");
-    compare_readings(fp);
+    if (text.find('\0') == std::string::npos) // lines get lost behind a zero byte in a string
+        compare_readings(fp);
     fclose(fp);
     tsan_config cfg{};
     if (load_config(("/proc/self/fd/" + std::to_string(fd)).c_str(), &cfg) == 0)

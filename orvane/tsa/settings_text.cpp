@@ -174,7 +174,6 @@ bool scan_string(scan *s, source *in, int c)
     if (c == '\0') { // the parser forgets the rest of the piece
         for (int ahead = 0; (ahead = peek(in)) != '"' && ahead != '\\' && ahead != EOF;)
             next(in);
-        s->out->lines.back() = in->line;
         return true;
     }
     bool ok = put(s, *in, c);
