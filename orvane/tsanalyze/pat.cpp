@@ -8,16 +8,19 @@
 #include <libtarnlink/log.h>
 
 #include <algorithm>
-#include <vector>
+#include <new>
 
 namespace {
 
 loglevel_ctx g_llctx;
 
-// A PMT PID list while a PAT is merged into it; it may be longer than the context's for a moment.
+// A PMT PID list while a PAT of up to 256 sections is merged into it; it may be longer than the
+// context's for a moment.
 struct pid_list {
-    std::vector<uint32_t> pids;
-    std::vector<uint32_t> mark; // the old PIDs not seen in the new PAT yet; 0: seen, or new
+    size_t count;
+    uint32_t pids[MAX_PMTS + 256 * MAX_SECTION_ENTRIES];
+    uint32_t mark[MAX_PMTS + 256 * MAX_SECTION_ENTRIES]; // old PIDs not seen in the new PAT yet;
+                                                         // 0: seen, or new
 };
 
 void dump_pat(tsan_ctx *tc, const char *msg, psi_block *psec)
@@ -51,13 +54,13 @@ size_t append_added(tsan_ctx *tc, pid_list *list, unsigned last_section)
     for (unsigned s = 0; s <= last_section; ++s)
         for (unsigned j = 0; j < MAX_SECTION_ENTRIES && pat_entry_pid(*tc->new_pat, s, j, &pid);
              ++j) {
-            const ssize_t k = find_pid(list->mark.data(), list->mark.size(), pid);
+            const ssize_t k = find_pid(list->mark, list->count, pid);
             if (k >= 0) {
-                list->mark[static_cast<size_t>(k)] = 0;
+                list->mark[k] = 0;
                 continue;
             }
-            list->pids.push_back(pid);
-            list->mark.push_back(0);
+            list->pids[list->count] = pid;
+            list->mark[list->count++] = 0;
             LOG_STMT(WARN_level, "[%s] pid%u ADDED in new PAT\n", tc->cfg.source, pid);
             ++nadded;
         }
@@ -68,7 +71,7 @@ size_t append_added(tsan_ctx *tc, pid_list *list, unsigned last_section)
 size_t drop_missing(tsan_ctx *tc, pid_list *list, size_t old_nprogs)
 {
     size_t ndel = 0;
-    for (size_t i = 0; i < list->pids.size(); ++i) {
+    for (size_t i = 0; i < list->count; ++i) {
         if (i < old_nprogs && list->mark[i] != 0) {
             LOG_STMT(WARN_level, "[%s] pid%u MISSING in new PAT\n", tc->cfg.source, list->pids[i]);
             ++ndel;
@@ -76,7 +79,7 @@ size_t drop_missing(tsan_ctx *tc, pid_list *list, size_t old_nprogs)
             list->pids[i - ndel] = list->pids[i];
         }
     }
-    list->pids.resize(list->pids.size() - ndel);
+    list->count -= ndel;
     return ndel;
 }
 
@@ -84,14 +87,16 @@ size_t drop_missing(tsan_ctx *tc, pid_list *list, size_t old_nprogs)
 bool merge_PATs(tsan_ctx *tc, const psi_section &pld)
 {
     const size_t old_nprogs = tc->nprogs;
-    const uint32_t *first = tc->pmt_pid;
-    pid_list list{{first, first + old_nprogs}, {first, first + old_nprogs}};
+    pid_list list;
+    list.count = old_nprogs;
+    std::copy_n(tc->pmt_pid, old_nprogs, list.pids);
+    std::copy_n(tc->pmt_pid, old_nprogs, list.mark);
     const size_t nadded = append_added(tc, &list, psi_last_section(pld));
     const size_t ndel = drop_missing(tc, &list, old_nprogs);
 
-    tc->nprogs = list.pids.size();
+    tc->nprogs = list.count;
     INVARIANT(tc->nprogs < MAX_PMTS);
-    std::copy(list.pids.begin(), list.pids.end(), tc->pmt_pid);
+    std::copy_n(list.pids, list.count, tc->pmt_pid);
     tc->pmt_pid[tc->nprogs] = 0; // behind it PIDs of a longer list may have stood
     rebuild_pid_slots(tc);
     if (nadded == 0 && ndel == 0)
@@ -144,7 +149,9 @@ void another_PAT(tsan_ctx *tc, std::span<const uint8_t> bytes)
     tc->quiet_pat.forget();
     const psi_section pld(bytes);
     if (tc->new_pat == nullptr)
-        tc->new_pat = std::make_unique<psi_block>();
+        tc->new_pat.reset(new (std::nothrow) psi_block);
+    if (tc->new_pat == nullptr)
+        return; // the PAT is repeated, and memory may be back
     if (tc->cfg.trk.pat_pmt_pkt)
         LOG_STMT(INFO_level, "%s: (%p) new PAT is being compiled at %s\n", __func__,
                  static_cast<void *>(tc), tag_text(tc).text);
