@@ -64,6 +64,7 @@ inline int analyze_pkt(tsan_ctx *tc)
 {
     const ts_header h = tc->header;
     stream_info &si = *tc->dat->stream;
+    forget_plain(&si);
     if (prog(tc)->stat.acount == 0) [[unlikely]]
         begin_analysis(tc);
     ++tc->atotal;

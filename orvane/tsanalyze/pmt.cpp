@@ -230,6 +230,8 @@ void update_PMT(tsan_ctx *tc, std::span<const uint8_t> bytes, uint32_t pid)
     const std::unique_ptr<stream_info[]> old(new (std::nothrow) stream_info[old_n]);
     if (old == nullptr)
         return;
+    for (size_t i = 0; i < old_n; ++i)
+        forget_plain(&pg->stm[i]);
     std::copy_n(pg->stm, old_n, old.get());
     pg->nstreams = 0;
     process_PMT(tc, bytes, pid);

@@ -35,6 +35,9 @@ inline void walk_whole_road(tsan_ctx *tc) { tc->shortcuts = {}; }
 
 // ---- Plain packets
 
+// expect_plain, take_plain and forget_plain go together: the header expected also holds the counter
+// of the stream while its packets are plain.
+
 // Notes, at the end of the whole road, the header that the stream's next packet has if it is plain;
 // 0, which no packet begins with, when the next one must walk the whole road.
 inline void expect_plain(const tsan_ctx *tc)
@@ -56,12 +59,22 @@ inline void take_plain(tsan_ctx *tc, const dgram_info &dat, ts_header h)
     ++tc->atotal;
     inc_pkt_stat(&dat.program->stat, si);
     tc->last_cca.nmlr = -1;
-    si->cc.value = hdr_cc(h);
     si->next_plain = hdr_continued(h);
 }
 
-// Whatever changes a stream otherwise than by its packets calls this.
-inline void forget_plain(stream_info *si) { si->next_plain = 0; }
+// The last continuity counter of a stream; -1 before the first.
+inline int last_cc(const stream_info &si)
+{
+    return si.next_plain != 0 ? hdr_cc(si.next_plain - 1) : si.cc.value;
+}
+
+// Takes the stream off the shortcut: its counter, which plain packets leave behind, is written
+// down. Whoever looks at a stream's counter, or changes the stream, calls this first.
+inline void forget_plain(stream_info *si)
+{
+    si->cc.value = last_cc(*si);
+    si->next_plain = 0;
+}
 
 // ---- Packets that mean nothing
 

@@ -69,7 +69,7 @@ inline void put_state(FILE *fp, const tsan_ctx *tc)
             put_aggregate(fp, *av);
         for (const stream_info &si : std::span(pg.stm, pg.nstreams))
             fprintf(fp, "\n  %u %c %d %d %lu %lu %d; %lu %lu %lu %lu", si.pid, si.stype,
-                    si.pts_updated, si.dts_updated, si.pcount, si.acount, counts ? si.cc.value : 0,
+                    si.pts_updated, si.dts_updated, si.pcount, si.acount, counts ? last_cc(si) : 0,
                     si.last_pts, si.last_dts, si.pts_pktnum, si.dts_pktnum);
         fprintf(fp, "\n");
     }
