@@ -27,6 +27,15 @@ std::span<const uint8_t> ts_section_bytes(ts_header h, const uint8_t *pkt)
     return payload.subspan(has_pointer ? 1 : 0); // the pointer field, not honoured
 }
 
+bool section_crc_is_right(std::span<const uint8_t> section)
+{
+    if (section.size() < PSI_HEADER_SIZE)
+        return false;
+    const size_t len = psi_get_length(section.data());
+    return len >= PSI_CRC_SIZE && PSI_HEADER_SIZE + len <= section.size() &&
+           psi_check_crc(section.data());
+}
+
 psi_section::psi_section(std::span<const uint8_t> bytes)
 {
     const size_t room = bytes.size() - PSI_HEADER_SIZE;

@@ -24,6 +24,10 @@ enum {
 // is not honoured.
 std::span<const uint8_t> ts_section_bytes(ts_header h, const uint8_t *pkt);
 
+// Whether the CRC at the section's end is right (ISO/IEC 13818-1, annex A); false when there are
+// fewer bytes than its length says, or too few for a CRC.
+bool section_crc_is_right(std::span<const uint8_t> section);
+
 // A private copy of a section with room behind it: its length never reaches past the packet, and
 // what lies behind the section is zero, so that a reader misled by a length within the section
 // stays inside the copy.

@@ -101,3 +101,30 @@ void capture_builder::packet(unsigned pid, const packet_fields &fields)
     pkt.resize(PKT_SIZE, 0xff);
     append(&m_data, pkt);
 }
+
+void capture_builder::sections(unsigned pid, const std::vector<octets> &sections)
+{
+    constexpr size_t room = PKT_SIZE - 4;
+    octets data;
+    std::vector<size_t> starts;
+    for (const octets &section : sections) {
+        starts.push_back(data.size());
+        append(&data, section);
+    }
+    for (size_t at = 0; at < data.size();) {
+        const auto start = std::lower_bound(starts.begin(), starts.end(), at);
+        const size_t ahead = start == starts.end() ? room : *start - at;
+        const bool unit_start = ahead < room - 1;
+        const size_t size = std::min(ahead < room ? room - 1 : room, data.size() - at);
+        octets payload(data.begin() + static_cast<ptrdiff_t>(at),
+                       data.begin() + static_cast<ptrdiff_t>(at + size));
+        if (unit_start)
+            payload.insert(payload.begin(), static_cast<uint8_t>(ahead));
+        // A section that would begin with the last byte has no room for its pointer field there.
+        const bool fill = ahead == room - 1;
+        packet(pid, {.unit_start = unit_start,
+                     .adaptation = fill ? std::optional(0U) : std::nullopt,
+                     .payload = payload});
+        at += size;
+    }
+}

@@ -72,6 +72,8 @@ public:
         section.insert(section.begin(), 0);
         packet(pid, {.unit_start = true, .payload = section});
     }
+    // Packets that hold these sections one behind the other; the last is filled up with stuffing.
+    void sections(unsigned pid, const std::vector<octets> &sections);
     void pes(unsigned pid, const pes_fields &fields)
     {
         packet(pid, {.unit_start = true, .pcr = fields.pcr, .payload = pes_header(fields)});

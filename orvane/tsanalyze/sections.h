@@ -1,0 +1,70 @@
+// Gathers the sections of a PID from its packets, as ISO/IEC 13818-1, 2.4.4, lays them out.
+//
+// What a section means is not known here: what is handed out is whole and undamaged, no more.
+#pragma once
+
+#include "tsanalyze/ts.h"
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+// The longest section of a table that ISO/IEC 13818-1 defines (2.4.4.4, 2.4.4.9): header and a
+// section_length of 1021.
+constexpr size_t MAX_SECTION_SIZE = 1024;
+
+// Why a section was refused.
+enum section_fault : uint8_t {
+    SECTION_INCOMPLETE, // a packet was lost, or the next section began before its end
+    SECTION_BAD_LENGTH, // a length, or a pointer field, that cannot be
+    SECTION_BAD_CRC,
+    SECTION_FAULTS
+};
+
+// Gathers the sections of one PID. Memory is bounded: one open section and one packet's payload.
+//
+//     gatherer.take(h, pkt);
+//     for (auto s = gatherer.next(); !s.empty(); s = gatherer.next())
+//         use(s);
+//
+// An open section, one whose end is still to come, is dropped when a packet was lost, at a
+// discontinuity_indicator, and when the next section begins elsewhere than at its end. A packet
+// that comes twice in a row is taken once (2.4.3.3). For one thread at a time.
+class section_gatherer {
+public:
+    // Takes a packet of the PID, neither scrambled nor marked by transport_error_indicator. The
+    // sections it completes are handed out by next(); what was not asked for until then is gone.
+    void take(ts_header h, const uint8_t *pkt);
+
+    // The next whole section with section_syntax_indicator and the right CRC, from table_id to
+    // CRC: 12 to MAX_SECTION_SIZE bytes, valid until the next call of this or of take. Empty when
+    // there are no more. Sections without that syntax, and longer private ones, are stepped over.
+    std::span<const uint8_t> next();
+
+    // Sections refused so far, by fault.
+    const std::array<uint64_t, SECTION_FAULTS> &refused() const { return refused_; }
+
+    // Forgets what is open and the last packet; the counts stay.
+    void reset();
+
+private:
+    void refuse(section_fault fault) { ++refused_[fault]; }
+    void begin_unit(std::span<const uint8_t> payload);
+    void open(std::span<const uint8_t> bytes);
+    size_t append(std::span<const uint8_t> bytes);
+    bool is_whole() const;
+    void finish_open();
+    void drop_open();
+
+    ts_header last_ = 0;        // header of the last packet with a payload
+    bool was_repeated_ = false; // that packet has come twice
+    bool is_done_ = false;      // the open section is whole and to be handed out
+    size_t open_size_ = 0;      // bytes of the open section that have come; 0: none is open
+    size_t payload_size_ = 0;
+    size_t at_ = 0;     // bytes of the payload that are dealt with
+    size_t proven_ = 0; // where in the payload a section with the right CRC begins; 0: not known
+    std::array<uint64_t, SECTION_FAULTS> refused_{};
+    std::array<uint8_t, TS_PACKET_SIZE> payload_; // of the last packet
+    std::array<uint8_t, MAX_SECTION_SIZE> open_;
+};
