@@ -10,6 +10,7 @@
 #include "misc/aggr.h"
 #include "misc/ctxt.h"
 #include "tsanalyze/psi.h"
+#include "tsanalyze/sections.h"
 #include "tsanalyze/ts.h"
 #include "tsanalyze/tsanalyze.h"
 
@@ -36,7 +37,7 @@ struct packet_tag {
 
 // Continuity counter of a stream.
 struct cc_info {
-    int32_t value;   // last counter, -1 before the first
+    int32_t value;   // last counter, -1 before the first (last_cc)
     timespec ms0_tm; // monotonic time of the last unexpected zero; all zero: none
 };
 
@@ -79,14 +80,21 @@ struct alignas(64) stream_info {
     stream_class sclass;
     bool pts_updated; // a new PTS has arrived and was not checked yet
     bool dts_updated;
-    uint64_t pcount; // packets processed
-    uint64_t acount; // packets analysed
+    uint64_t pcount;      // packets processed
+    uint64_t acount;      // packets analysed
+    uint64_t fingerprint; // of the last packet with payload
     cc_info cc;
     uint64_t last_pts;
     uint64_t last_dts;
     uint64_t pts_pktnum; // packet that carried last_pts
     uint64_t dts_pktnum;
     uint8_t scode; // stream_type of the PMT
+
+    // By the standard's rules:
+    bool was_repeated;           // the last packet was a repetition
+    uint32_t pts_base;           // time base of last_pts
+    uint32_t dts_base;           // ... of last_dts
+    const dgram_info *next_user; // what the PID means to the next programme that lists it
 };
 
 // Alert counters of a programme.
@@ -131,6 +139,14 @@ struct program_info {
     aggr_val av_pdts_delta; // audio/video time-stamp distances (ms)
     aggr_val av_pcr_delta;  // distances of time stamps to the PCR (ms)
     aggr_val av_pcr_freq;   // PCR intervals (ms)
+
+    // By the standard's rules:
+    uint32_t number;             // programme_number
+    bool is_unlisted;            // the PAT does not list it any more
+    bool awaits_base;            // the next PCR begins a new time base
+    uint32_t time_base;          // number of the time base of last_pcr
+    dgram_info dat_pcr;          // what a PCR PID means that is no stream's
+    const dgram_info *next_user; // what that PID means to the next programme that lists it
 };
 
 // The latest continuity alert of the source, for the correlation of losses within a segment.
@@ -148,8 +164,20 @@ struct road_shortcuts {
     bool quiet_pat = false; // tables that changed nothing
     bool quiet_pmt = false;
     bool late_tag = false; // a tag is taken down when it is about to change, not for every packet
+    ts_header special_bits = 0; // of the header: a packet with one of them takes no shortcut
     ts_header nothing_bits =
         1; // how the header of a packet that means nothing begins; 1: none does
+};
+
+// What only the standard's rules need (iso.h).
+struct iso_state {
+    bool has_pat;                  // a complete PAT has come
+    uint64_t damaged;              // packets marked by transport_error_indicator
+    uint64_t scrambled[PID_COUNT]; // packets by PID
+    section_gatherer pat_sections;
+    section_gatherer pmt_sections[MAX_PMTS]; // of a PMT PID, by its first programme
+    section_image pmt_bytes[MAX_PMTS];       // the latest PMT of a programme
+    section_refusals refused[PID_COUNT];     // of PMT PIDs listed no more
 };
 
 struct tsan_ctx {
@@ -180,6 +208,7 @@ struct tsan_ctx {
     dgram_info dat_sdt;
     dgram_info dat_none;                 // a PID that means nothing
     const dgram_info *dat_of[PID_COUNT]; // by PID; rebuilt when PAT or PMT change
+    std::unique_ptr<iso_state> iso;      // null: the default rules
 };
 
 // The programme of the current packet.

@@ -31,6 +31,20 @@ void save_cca(tsan_ctx *tc, uint32_t pid, int last, int cc)
     cca.seg_idx = prog(tc)->last_seg_idx;
 }
 
+// Notes an unexpected zero. Returns the milliseconds since the previous one, or -1 when it was the
+// first, which only arms the timer.
+int64_t note_unexpected_zero(cc_info *info)
+{
+    timespec now{};
+    set_now(&now);
+    const bool armed = info->ms0_tm.tv_sec != 0 || info->ms0_tm.tv_nsec != 0;
+    const int64_t delta = armed ? diff_ms(&info->ms0_tm, &now) : -1;
+    info->ms0_tm = now;
+    return delta;
+}
+
+} // namespace
+
 void alert_cc_break(tsan_ctx *tc, uint32_t pid, int last, int cc)
 {
     const uint64_t seg = prog(tc)->last_seg_idx;
@@ -59,20 +73,6 @@ void alert_cc_rst(tsan_ctx *tc, uint32_t pid, int last, int cc, int64_t delta_ms
     ++prog(tc)->alert.cc_reset;
     save_cca(tc, pid, last, cc);
 }
-
-// Notes an unexpected zero. Returns the milliseconds since the previous one, or -1 when it was the
-// first, which only arms the timer.
-int64_t note_unexpected_zero(cc_info *info)
-{
-    timespec now{};
-    set_now(&now);
-    const bool armed = info->ms0_tm.tv_sec != 0 || info->ms0_tm.tv_nsec != 0;
-    const int64_t delta = armed ? diff_ms(&info->ms0_tm, &now) : -1;
-    info->ms0_tm = now;
-    return delta;
-}
-
-} // namespace
 
 void cc_error(tsan_ctx *tc, stream_info *si, uint32_t pid, int cc)
 {

@@ -11,6 +11,9 @@
 // that comes at least cc_max_ms0_ms after the previous unexpected zero, else a break.
 void cc_error(tsan_ctx *tc, stream_info *si, uint32_t pid, int cc);
 
+void alert_cc_break(tsan_ctx *tc, uint32_t pid, int last, int cc);
+void alert_cc_rst(tsan_ctx *tc, uint32_t pid, int last, int cc, int64_t delta_ms);
+
 // Writes the trace line of a counter.
 void trace_cc(tsan_ctx *tc, uint32_t pid, int cc);
 

@@ -1,5 +1,6 @@
 // Life cycle of a context, and the intake of one packet.
 
+#include "tsanalyze/iso.h"
 #include "tsanalyze/packet.h"
 #include "tsanalyze/pids.h"
 #include "tsanalyze/presence.h"
@@ -41,6 +42,13 @@ int report_idle_source(const tsan_ctx *tc)
     return CANNOT_GO_ON;
 }
 
+tsan_t without_memory(int *err)
+{
+    if (err != nullptr)
+        *err = ENOMEM;
+    return nullptr;
+}
+
 // What is to be done before a packet is looked at: once only, unless every packet walks the whole
 // road.
 [[gnu::noinline]] void attend(tsan_ctx *tc)
@@ -53,6 +61,16 @@ int report_idle_source(const tsan_ctx *tc)
     tc->is_attended = has_start && tc->shortcuts.late_tag;
 }
 
+// The default rules. Returns whether the packet was analysed.
+inline bool take_packet(tsan_ctx *tc)
+{
+    if (upsert_pkt_info(tc) < 0)
+        return false;
+    analyze_pkt(tc);
+    expect_plain(tc);
+    return true;
+}
+
 // The whole road of a packet.
 [[gnu::noinline]] int process_packet(tsan_ctx *tc)
 {
@@ -60,10 +78,7 @@ int report_idle_source(const tsan_ctx *tc)
         attend(tc);
     if (!hdr_is_sync(tc->header)) [[unlikely]]
         return report_lost_packet_start(tc);
-    if (upsert_pkt_info(tc) >= 0) {
-        if (analyze_pkt(tc) != 0)
-            return CANNOT_GO_ON;
-        expect_plain(tc);
+    if (tc->iso != nullptr ? take_by_standard(tc) : take_packet(tc)) {
         if (tc->ndat_pcount != 0)
             check_pcount(tc, false);
         return 0; // analysed, so the source is not idle
@@ -80,14 +95,15 @@ int report_idle_source(const tsan_ctx *tc)
 tsan_t tsan_init(const char *source, const tsan_config *cfg, int *err)
 {
     std::unique_ptr<tsan_ctx> tc(new (std::nothrow) tsan_ctx());
-    if (tc == nullptr) {
-        if (err != nullptr)
-            *err = ENOMEM;
-        return nullptr;
-    }
+    if (tc == nullptr)
+        return without_memory(err);
     tc->cfg = *cfg;
     if (source != nullptr)
         copy_text(tc->cfg.source, sizeof tc->cfg.source, source);
+    if (cfg->iso_rules)
+        tc->iso.reset(new (std::nothrow) iso_state());
+    if (cfg->iso_rules && tc->iso == nullptr)
+        return without_memory(err);
     tc->ndat_pcount = tc->cfg.max_ndat_pcount;
     choose_shortcuts(tc.get());
     rebuild_pid_slots(tc.get());
@@ -121,7 +137,7 @@ int tsan_process(tsan_t tc, const uint8_t *pkt)
     ++tc->last_pkt_idx;
     ++tc->ptotal;
     if (is_plain(dat, header)) {
-        take_plain(tc, dat, header);
+        take_plain(tc, dat, header, pkt);
         if (tc->ndat_pcount != 0)
             check_pcount(tc, false);
         return 0;

@@ -14,7 +14,7 @@ namespace {
 loglevel_ctx g_llctx;
 
 // Whether a table packet holds a section's header. One that does not changes nothing.
-bool holds_section(const tsan_ctx *tc, std::span<const uint8_t> section, size_t header_len)
+bool holds_header(const tsan_ctx *tc, std::span<const uint8_t> section, size_t header_len)
 {
     if (section.size() >= header_len)
         return true;
@@ -66,6 +66,7 @@ void update_pts_dts(tsan_ctx *tc, std::span<const uint8_t> pes, stream_info *si)
         si->pts_updated = pts != si->last_pts;
         si->last_pts = pts;
         si->pts_pktnum = tc->last_pkt_idx;
+        si->pts_base = prog(tc)->time_base;
         if (traces_stamps(tc, si->pts_updated))
             LOG_STMT(INFO_level, "%s: [%s] PTS=%lu [%s] pid=%u at %s\n", __func__, tc->cfg.source,
                      pts, ticks_timestr(pts).text, si->pid, tag_text(tc).text);
@@ -75,6 +76,7 @@ void update_pts_dts(tsan_ctx *tc, std::span<const uint8_t> pes, stream_info *si)
         si->dts_updated = dts != si->last_dts;
         si->last_dts = dts;
         si->dts_pktnum = tc->last_pkt_idx;
+        si->dts_base = prog(tc)->time_base;
         if (traces_stamps(tc, si->dts_updated))
             LOG_STMT(INFO_level, "%s: [%s] DTS=%lu [%s] pid=%u at %s\n", __func__, tc->cfg.source,
                      dts, ticks_timestr(dts).text, si->pid, tag_text(tc).text);
@@ -91,12 +93,22 @@ void take_sdt(const tsan_ctx *tc)
         LOG_STMT(INFO_level, "[%s] disregarding SDT at %s\n", tc->cfg.source, tag_text(tc).text);
 }
 
+void trace_table(const tsan_ctx *tc)
+{
+    if (!tc->cfg.trk.pat_pmt_pkt)
+        return;
+    if (tc->dat->is_pat)
+        LOG_STMT(INFO_level, "[%s] found PAT at %s\n", tc->cfg.source, tag_text(tc).text);
+    else
+        LOG_STMT(INFO_level, "[%s] found PMT (pid%u) at %s\n", tc->cfg.source, hdr_pid(tc->header),
+                 tag_text(tc).text);
+}
+
 void take_pat(tsan_ctx *tc)
 {
-    if (tc->cfg.trk.pat_pmt_pkt)
-        LOG_STMT(INFO_level, "[%s] found PAT at %s\n", tc->cfg.source, tag_text(tc).text);
+    trace_table(tc);
     const auto section = ts_section_bytes(tc->header, tc->pkt);
-    if (!holds_section(tc, section, PAT_HEADER_LEN))
+    if (!holds_header(tc, section, PAT_HEADER_LEN))
         return;
     if (tc->nprogs != 0) {
         another_PAT(tc, section);
@@ -107,16 +119,10 @@ void take_pat(tsan_ctx *tc)
     }
 }
 
-void take_pmt(tsan_ctx *tc)
+void track_PMT(tsan_ctx *tc, std::span<const uint8_t> section)
 {
     const uint32_t pid = hdr_pid(tc->header);
-    if (tc->cfg.trk.pat_pmt_pkt)
-        LOG_STMT(INFO_level, "[%s] found PMT (pid%u) at %s\n", tc->cfg.source, pid,
-                 tag_text(tc).text);
-    const auto section = ts_section_bytes(tc->header, tc->pkt);
-    if (!holds_section(tc, section, PMT_HEADER_LEN))
-        return;
-    if (prog(tc)->nstreams != 0) {
+    if (prog(tc)->nstreams != 0 || (tc->iso != nullptr && prog(tc)->txt_pmt.buf != nullptr)) {
         if (cmp_PMT(tc, section, pid) != 0)
             update_PMT(tc, section, pid);
     } else {
@@ -126,13 +132,17 @@ void take_pmt(tsan_ctx *tc)
     }
 }
 
-void take_pcr(tsan_ctx *tc)
+void take_pmt(tsan_ctx *tc)
+{
+    trace_table(tc);
+    const auto section = ts_section_bytes(tc->header, tc->pkt);
+    if (holds_header(tc, section, PMT_HEADER_LEN))
+        track_PMT(tc, section);
+}
+
+void store_pcr(tsan_ctx *tc, uint64_t pcr)
 {
     program_info *pg = prog(tc);
-    const uint64_t pcr = ts_pcr_base(tc->pkt);
-    mk_ptag(tc);
-    if (tc->cfg.pcr_freq_ms != 0 && pg->last_pcr != 0)
-        pcr_freq_check(tc, pcr);
     pg->last_pcr = pcr;
     pg->pcr_pktnum = tc->last_pkt_idx;
     pg->pcr_ptag = tc->ptag;
@@ -140,6 +150,15 @@ void take_pcr(tsan_ctx *tc)
     if (tc->cfg.trk.pcr_update)
         LOG_STMT(INFO_level, "[%s] new PCR=%lu [%s] at %s\n", tc->cfg.source, pcr,
                  ticks_timestr(pcr).text, tag_text(tc).text);
+}
+
+void take_pcr(tsan_ctx *tc)
+{
+    const uint64_t pcr = ts_pcr_base(tc->pkt);
+    mk_ptag(tc);
+    if (tc->cfg.pcr_freq_ms != 0 && prog(tc)->last_pcr != 0)
+        pcr_freq_check(tc, pcr);
+    store_pcr(tc, pcr);
 }
 
 void trace_ignored(const tsan_ctx *tc)

@@ -11,6 +11,9 @@
 
 #include <libtarnlink/mpegts.h>
 
+#include <cstdint>
+#include <span>
+
 // ---- Bookkeeping
 
 // What is rare on the road stands in packet.cpp.
@@ -19,7 +22,10 @@ void take_pat(tsan_ctx *tc);
 void take_pmt(tsan_ctx *tc);
 void take_pcr(tsan_ctx *tc);
 void take_pes_header(tsan_ctx *tc);
+void store_pcr(tsan_ctx *tc, uint64_t pcr);                     // of the current programme
+void track_PMT(tsan_ctx *tc, std::span<const uint8_t> section); // ... whose PMT it is
 void trace_ignored(const tsan_ctx *tc);
+void trace_table(const tsan_ctx *tc);
 
 // Whether the packet, of a stream, carries a PCR of the stream's programme. One on a PID that the
 // PMT does not list as a stream is never read.

@@ -30,38 +30,22 @@ void dump_pat(tsan_ctx *tc, const char *msg, psi_block *psec)
     print_pat(psec, log_fp(&g_log));
 }
 
-void alert_pat_diff(tsan_ctx *tc, size_t nadded, size_t ndel)
-{
-    const tag_string tag = tag_text(tc);
-    if (!tc->cfg.no_rlog)
-        LOG_STMT(WARN_level, "ALERT PAT-DIFF [%s] PMTs added/deleted: %zu/%zu progs=%zu at %s\n",
-                 tc->cfg.source, nadded, ndel, tc->nprogs, tag.text);
-    if (tc->cfg.trk.pat_diff) {
-        dump_pat(tc, "Older PAT:", &tc->pat);
-        dump_pat(tc, "New PAT:", tc->new_pat.get());
-    }
-    if (tc->cfg.access_log_alerts) // the programme count comes first here
-        log_access("ALERT PAT-DIFF %s 0 %zu %zu %zu %s\n", tc->cfg.source, tc->nprogs, nadded, ndel,
-                   tag.text);
-    ++tc->gac.pat_diff;
-}
-
 // Appends what the new PAT lists and the list does not; returns how many.
 size_t append_added(tsan_ctx *tc, pid_list *list, unsigned last_section)
 {
     size_t nadded = 0;
-    uint32_t pid = 0;
+    program_entry entry{};
     for (unsigned s = 0; s <= last_section; ++s)
-        for (unsigned j = 0; j < MAX_SECTION_ENTRIES && pat_entry_pid(*tc->new_pat, s, j, &pid);
+        for (unsigned j = 0; j < MAX_SECTION_ENTRIES && get_pat_entry(*tc->new_pat, s, j, &entry);
              ++j) {
-            const ssize_t k = find_pid(list->mark, list->count, pid);
+            const ssize_t k = find_pid(list->mark, list->count, entry.pid);
             if (k >= 0) {
                 list->mark[k] = 0;
                 continue;
             }
-            list->pids[list->count] = pid;
+            list->pids[list->count] = entry.pid;
             list->mark[list->count++] = 0;
-            LOG_STMT(WARN_level, "[%s] pid%u ADDED in new PAT\n", tc->cfg.source, pid);
+            report_added(tc, entry.pid);
             ++nadded;
         }
     return nadded;
@@ -73,7 +57,7 @@ size_t drop_missing(tsan_ctx *tc, pid_list *list, size_t old_nprogs)
     size_t ndel = 0;
     for (size_t i = 0; i < list->count; ++i) {
         if (i < old_nprogs && list->mark[i] != 0) {
-            LOG_STMT(WARN_level, "[%s] pid%u MISSING in new PAT\n", tc->cfg.source, list->pids[i]);
+            report_missing(tc, list->pids[i]);
             ++ndel;
         } else {
             list->pids[i - ndel] = list->pids[i];
@@ -101,12 +85,45 @@ bool merge_PATs(tsan_ctx *tc, const psi_section &pld)
     rebuild_pid_slots(tc);
     if (nadded == 0 && ndel == 0)
         return false;
-    alert_pat_diff(tc, nadded, ndel);
+    alert_pat_diff(tc, nadded, ndel, tc->nprogs);
     reset_ndat_pcount(tc);
     return true;
 }
 
 } // namespace
+
+void report_added(const tsan_ctx *tc, uint32_t pid)
+{
+    LOG_STMT(WARN_level, "[%s] pid%u ADDED in new PAT\n", tc->cfg.source, pid);
+}
+
+void report_missing(const tsan_ctx *tc, uint32_t pid)
+{
+    LOG_STMT(WARN_level, "[%s] pid%u MISSING in new PAT\n", tc->cfg.source, pid);
+}
+
+void report_dropped(const tsan_ctx *tc, size_t ndropped)
+{
+    if (ndropped > 0)
+        LOG_STMT(ERR_level, "%s: [%s] too many programs: %zu over %d dropped at %s\n",
+                 "process_PAT", tc->cfg.source, ndropped, MAX_PMTS, tag_text(tc).text);
+}
+
+void alert_pat_diff(tsan_ctx *tc, size_t nadded, size_t ndel, size_t nprogs)
+{
+    const tag_string tag = tag_text(tc);
+    if (!tc->cfg.no_rlog)
+        LOG_STMT(WARN_level, "ALERT PAT-DIFF [%s] PMTs added/deleted: %zu/%zu progs=%zu at %s\n",
+                 tc->cfg.source, nadded, ndel, nprogs, tag.text);
+    if (tc->cfg.trk.pat_diff) {
+        dump_pat(tc, "Older PAT:", &tc->pat);
+        dump_pat(tc, "New PAT:", tc->new_pat.get());
+    }
+    if (tc->cfg.access_log_alerts) // the programme count comes first here
+        log_access("ALERT PAT-DIFF %s 0 %zu %zu %zu %s\n", tc->cfg.source, nprogs, nadded, ndel,
+                   tag.text);
+    ++tc->gac.pat_diff;
+}
 
 void process_PAT(tsan_ctx *tc, std::span<const uint8_t> bytes)
 {
@@ -119,23 +136,21 @@ void process_PAT(tsan_ctx *tc, std::span<const uint8_t> bytes)
     }
     INVARIANT(0 == tc->nprogs);
     size_t ndropped = 0;
-    uint32_t pid = 0;
+    program_entry entry{};
     for (unsigned s = 0; s <= psi_last_section(pld); ++s)
-        for (unsigned j = 0; j < MAX_SECTION_ENTRIES && pat_entry_pid(tc->pat, s, j, &pid); ++j) {
+        for (unsigned j = 0; j < MAX_SECTION_ENTRIES && get_pat_entry(tc->pat, s, j, &entry); ++j) {
             if (tc->nprogs >= MAX_PMTS) {
                 ++ndropped;
                 continue;
             }
-            tc->pmt_pid[tc->nprogs] = pid;
+            tc->pmt_pid[tc->nprogs] = entry.pid;
             INVARIANT(tc->pmt_pid[tc->nprogs]);
             // The PID shown is that at the entry's place within its section, intended.
             LOG_STMT(INFO_level, "[%s] PRG[%zu] pmt[%u] pid=%u at %s\n", tc->cfg.source, tc->nprogs,
                      j, tc->pmt_pid[j], tag_text(tc).text);
             ++tc->nprogs;
         }
-    if (ndropped > 0)
-        LOG_STMT(ERR_level, "%s: [%s] too many programs: %zu over %d dropped at %s\n", __func__,
-                 tc->cfg.source, ndropped, MAX_PMTS, tag_text(tc).text);
+    report_dropped(tc, ndropped);
     rebuild_pid_slots(tc);
     LOG_STMT(DEBUG_level, "%s: [%s] %zu programs read from PAT (%u sections) at %s\n", __func__,
              tc->cfg.source, tc->nprogs, psi_last_section(pld) + 1, tag_text(tc).text);

@@ -13,3 +13,12 @@ void process_PAT(tsan_ctx *tc, std::span<const uint8_t> bytes);
 
 // Takes a PAT section once programmes are known.
 void another_PAT(tsan_ctx *tc, std::span<const uint8_t> bytes);
+
+// ---- What both rules about PATs tell
+
+void report_added(const tsan_ctx *tc, uint32_t pid);
+void report_missing(const tsan_ctx *tc, uint32_t pid);
+void report_dropped(const tsan_ctx *tc, size_t ndropped); // programmes there is no room for
+
+// Raises PAT-DIFF for a new PAT with `nprogs` programmes. The PAT so far is that of the context.
+void alert_pat_diff(tsan_ctx *tc, size_t nadded, size_t ndel, size_t nprogs);

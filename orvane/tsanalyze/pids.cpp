@@ -4,19 +4,48 @@
 
 namespace {
 
+// Whether a PID means nothing yet, or something to a later programme, by the standard's rules.
+bool is_for_another(const dgram_info *dat, const program_info *pg)
+{
+    return dat->program != nullptr && dat->program != pg;
+}
+
+// Puts a meaning in front of what the PID has meant so far. Later programmes that list the PID are
+// its next users by the standard's rules; by the default rules the first is the only one.
+void enter(tsan_ctx *tc, uint32_t pid, dgram_info *dat, const dgram_info **next_user)
+{
+    const dgram_info *so_far = tc->dat_of[pid];
+    if (tc->iso != nullptr)
+        *next_user = is_for_another(so_far, dat->program) ? so_far : next_user_of(*so_far);
+    tc->dat_of[pid] = dat;
+}
+
+// A PCR PID that is no stream's of the programme.
+void enter_pcr(tsan_ctx *tc, program_info *pg, int16_t ip)
+{
+    if (!has_pcr_pid(*pg) || tc->dat_of[pg->pcr_pid]->program == pg)
+        return;
+    pg->dat_pcr = {.ipg = ip, .program = pg};
+    enter(tc, pg->pcr_pid, &pg->dat_pcr, &pg->next_user);
+}
+
 void enter_streams(tsan_ctx *tc)
 {
     // Backwards, so that the first to list a PID is the last to write its slot.
     for (size_t ip = tc->nprogs; ip-- > 0;) {
         program_info &pg = tc->pg[ip];
+        if (pg.is_unlisted)
+            continue;
         for (size_t is = pg.nstreams; is-- > 0;) {
             stream_info &si = pg.stm[is];
             si.dat = {.ipg = static_cast<int16_t>(ip),
                       .istm = static_cast<int16_t>(is),
                       .program = &pg,
                       .stream = &si};
-            tc->dat_of[si.pid] = &si.dat;
+            enter(tc, si.pid, &si.dat, &si.next_user);
         }
+        if (tc->iso != nullptr)
+            enter_pcr(tc, &pg, static_cast<int16_t>(ip));
     }
 }
 
@@ -25,6 +54,8 @@ void enter_pmts(tsan_ctx *tc)
     const ssize_t end = find_pid(tc->pmt_pid, MAX_PMTS, 0);
     for (ssize_t i = end < 0 ? ssize_t{MAX_PMTS} : end; i-- > 0;) {
         program_info &pg = tc->pg[i];
+        if (pg.is_unlisted)
+            continue;
         pg.dat_pmt = {.ipg = static_cast<int16_t>(i), .is_pmt = true, .program = &pg};
         tc->dat_of[tc->pmt_pid[i]] = &pg.dat_pmt;
     }

@@ -35,11 +35,71 @@ stream_class class_of(char stype)
     return stype == 'V' ? CLASS_VIDEO : stype == 'A' ? CLASS_AUDIO : CLASS_DATA;
 }
 
+// Class letter by the standard's rules: audio too when descriptors say so. HDMV's own audio types
+// are 0x80 to 0x86, 0xA1 and 0xA2.
+char class_by_standard(const pmt_entry &entry)
+{
+    const uint8_t type = entry.stream_type;
+    const bool is_hdmv_audio =
+        entry.is_hdmv && ((type >= 0x80 && type <= 0x86) || type == 0xA1 || type == 0xA2);
+    if (is_hdmv_audio || (type == 0x06 && entry.has_audio_descriptor))
+        return 'A';
+    switch (type) {
+    case 0x2D: // MPEG-H audio, main stream
+    case 0x2E: // ... auxiliary stream
+        return 'A';
+    case 0x33: // VVC
+        return 'V';
+    default:
+        return code2stype(type);
+    }
+}
+
+int add_stream_of_class(tsan_ctx *tc, uint32_t pid, uint8_t scode, char stype)
+{
+    program_info *pg = prog(tc);
+    const size_t idx = pg->nstreams;
+    if (stype == '?') {
+        LOG_STMT(DEBUG_level, "%s: [%s] skipping non-AV PES at %s\n", "add_stream", tc->cfg.source,
+                 tag_text(tc).text);
+        return -1;
+    }
+    if (idx >= MAX_NSTREAMS) {
+        LOG_STMT(ERR_level, "%s: [%s] too many streams: %zu\n", "add_stream", tc->cfg.source,
+                 pg->nstreams);
+        return -1;
+    }
+    // The other fields stay as the slot holds them, deliberately.
+    stream_info &si = pg->stm[idx];
+    si.pid = pid;
+    forget_plain(&si);
+    si.stype = stype;
+    si.scode = scode;
+    si.sclass = class_of(stype);
+    si.last_pts = 0;
+    si.last_dts = 0;
+    si.cc = {.value = -1, .ms0_tm = {}};
+    if (pid == pg->pcr_pid) {
+        pg->pcr_idx = static_cast<ssize_t>(idx);
+        LOG_STMT(DEBUG_level, "%s: [%s] pcr_idx=%zd for %c-stream pid=%u\n", "add_stream",
+                 tc->cfg.source, pg->pcr_idx, stype, pid);
+    }
+    if (tc->cfg.max_pdts_delta != 0 && stype == 'V')
+        choose_reference(tc, static_cast<ssize_t>(idx), stype, pid);
+    ++pg->nstreams;
+    LOG_STMT(DEBUG_level, "%s: added stream[%d]:pid=%u (%c/%s) at %s, %zu streams total\n",
+             "add_stream", static_cast<int>(idx), pid, stype, pid == pg->pcr_pid ? "PCR" : "-",
+             tag_text(tc).text, pg->nstreams);
+    return static_cast<int>(idx);
+}
+
 int add_pmt_stream(tsan_ctx *tc, const pmt_entry &entry)
 {
     LOG_STMT(INFO_level, "[%s] ADD (pid=%u, type=%u) [%s]\n", tc->cfg.source, entry.pid,
              entry.stream_type, streamtype_name(entry.stream_type));
-    return add_stream(tc, entry.pid, entry.stream_type);
+    const char stype =
+        tc->iso != nullptr ? class_by_standard(entry) : code2stype(entry.stream_type);
+    return add_stream_of_class(tc, entry.pid, entry.stream_type, stype);
 }
 
 // Prints the PMT as the programme's first snapshot; one that is there stays as it is.
@@ -79,7 +139,9 @@ int compare_texts(tsan_ctx *tc, std::span<const uint8_t> bytes, pmt_section *pld
     if (open_ctxt(&new_txt, MAX_PMT_TXT) != 0)
         return 0;
     print_pmt(pld, &new_txt);
-    if (cmp_ctxt(&new_txt, &pg->txt_pmt) == 0 && !debug_pmt_cmp(tc)) {
+    // By the standard's rules only other bytes come here: what was cut off may have changed too.
+    const bool is_cut = tc->iso != nullptr && is_ctxt_full(&new_txt);
+    if (cmp_ctxt(&new_txt, &pg->txt_pmt) == 0 && !is_cut && !debug_pmt_cmp(tc)) {
         // The same bytes print the same text again, in silence unless it runs out of room.
         if (tc->shortcuts.quiet_pmt && !is_ctxt_full(&new_txt))
             pg->quiet_pmt.remember(bytes);
@@ -110,6 +172,10 @@ void copy_stm_stats(stream_info *ds, const stream_info *ss)
     ds->last_dts = ss->last_dts;
     ds->dts_pktnum = ss->dts_pktnum;
     ds->cc = ss->cc;
+    ds->fingerprint = ss->fingerprint;
+    ds->was_repeated = ss->was_repeated;
+    ds->pts_base = ss->pts_base;
+    ds->dts_base = ss->dts_base;
 }
 
 } // namespace
@@ -140,41 +206,7 @@ char code2stype(uint8_t scode)
 
 int add_stream(tsan_ctx *tc, uint32_t pid, uint8_t scode)
 {
-    program_info *pg = prog(tc);
-    const size_t idx = pg->nstreams;
-    const char stype = code2stype(scode);
-    if (stype == '?') {
-        LOG_STMT(DEBUG_level, "%s: [%s] skipping non-AV PES at %s\n", __func__, tc->cfg.source,
-                 tag_text(tc).text);
-        return -1;
-    }
-    if (idx >= MAX_NSTREAMS) {
-        LOG_STMT(ERR_level, "%s: [%s] too many streams: %zu\n", __func__, tc->cfg.source,
-                 pg->nstreams);
-        return -1;
-    }
-    // The other fields stay as the slot holds them, deliberately.
-    stream_info &si = pg->stm[idx];
-    si.pid = pid;
-    forget_plain(&si);
-    si.stype = stype;
-    si.scode = scode;
-    si.sclass = class_of(stype);
-    si.last_pts = 0;
-    si.last_dts = 0;
-    si.cc = {.value = -1, .ms0_tm = {}};
-    if (pid == pg->pcr_pid) {
-        pg->pcr_idx = static_cast<ssize_t>(idx);
-        LOG_STMT(DEBUG_level, "%s: [%s] pcr_idx=%zd for %c-stream pid=%u\n", __func__,
-                 tc->cfg.source, pg->pcr_idx, stype, pid);
-    }
-    if (tc->cfg.max_pdts_delta != 0 && stype == 'V')
-        choose_reference(tc, static_cast<ssize_t>(idx), stype, pid);
-    ++pg->nstreams;
-    LOG_STMT(DEBUG_level, "%s: added stream[%d]:pid=%u (%c/%s) at %s, %zu streams total\n",
-             __func__, static_cast<int>(idx), pid, stype, pid == pg->pcr_pid ? "PCR" : "-",
-             tag_text(tc).text, pg->nstreams);
-    return static_cast<int>(idx);
+    return add_stream_of_class(tc, pid, scode, code2stype(scode));
 }
 
 void process_PMT(tsan_ctx *tc, std::span<const uint8_t> bytes, uint32_t pid)
@@ -185,7 +217,8 @@ void process_PMT(tsan_ctx *tc, std::span<const uint8_t> bytes, uint32_t pid)
     pg->pcr_pid = pmt_pcr_pid(pld);
     LOG_STMT(INFO_level, "[%s] PMT lists PCR pid=%u at %s\n", tc->cfg.source, pg->pcr_pid,
              tag_text(tc).text);
-    INVARIANT(prog(tc)->pcr_pid);
+    if (tc->iso == nullptr)
+        INVARIANT(prog(tc)->pcr_pid);
 
     size_t count = 0;
     pmt_entry entry{};
@@ -233,6 +266,10 @@ void update_PMT(tsan_ctx *tc, std::span<const uint8_t> bytes, uint32_t pid)
     for (size_t i = 0; i < old_n; ++i)
         forget_plain(&pg->stm[i]);
     std::copy_n(pg->stm, old_n, old.get());
+    if (tc->iso != nullptr) { // nothing of other streams stays
+        std::fill_n(pg->stm, old_n, stream_info{});
+        pg->pcr_idx = pg->ref_idx = -1;
+    }
     pg->nstreams = 0;
     process_PMT(tc, bytes, pid);
 

@@ -71,7 +71,7 @@ void find_silent_streams(tsan_ctx *tc)
     size_t ntracks = 0;
     size_t nsilent = 0;
     for (size_t ip = 0; ip < tc->nprogs; ++ip)
-        for (size_t is = 0; is < tc->pg[ip].nstreams; ++is) {
+        for (size_t is = 0; is < tc->pg[ip].nstreams && !tc->pg[ip].is_unlisted; ++is) {
             const stream_info &si = tc->pg[ip].stm[is];
             ++ntracks;
             if (si.pcount != 0)

@@ -16,6 +16,36 @@ char *copy_bytes(void * /*opaque*/, const char * /*encoding*/, char *string, siz
     return strndup(string, length);
 }
 
+// Whether a loop holds a descriptor of a kind of audio in private data (ETSI EN 300 468, annex D).
+bool has_audio_descriptor(uint8_t *descs)
+{
+    constexpr uint8_t ac3 = 0x6a, eac3 = 0x7a, dts = 0x7b, aac = 0x7c;
+    constexpr uint8_t extension = 0x7f, dts_hd = 0x0e, dts_neural = 0x0f, ac4 = 0x15,
+                      dts_uhd = 0x21;
+    const uint8_t *desc = nullptr;
+    for (uint16_t n = 0; (desc = descs_get_desc(descs, n)) != nullptr; ++n) {
+        const uint8_t tag = desc_get_tag(desc);
+        if (tag == ac3 || tag == eac3 || tag == dts || tag == aac)
+            return true;
+        const uint8_t kind = tag == extension && desc_get_length(desc) > 0 ? desc[2] : 0;
+        if (kind == dts_hd || kind == dts_neural || kind == ac4 || kind == dts_uhd)
+            return true;
+    }
+    return false;
+}
+
+// Whether a loop holds a registration_descriptor (2.6.8) with this format_identifier.
+bool is_registered(uint8_t *descs, const char *format)
+{
+    constexpr uint8_t registration = 0x05;
+    const uint8_t *desc = nullptr;
+    for (uint16_t n = 0; (desc = descs_get_desc(descs, n)) != nullptr; ++n)
+        if (desc_get_tag(desc) == registration && desc_get_length(desc) >= 4 &&
+            memcmp(desc + DESC_HEADER_SIZE, format, 4) == 0)
+            return true;
+    return false;
+}
+
 } // namespace
 
 // ---- Sections of packets
@@ -83,15 +113,23 @@ bool tables_equal(const psi_block &a, const psi_block &b)
     return true;
 }
 
-bool pat_entry_pid(const psi_block &table, unsigned section, unsigned j, uint32_t *pid)
+bool holds_section(const psi_block &table, std::span<const uint8_t> section)
+{
+    const uint8_t *held = table.sec[section_number(section)];
+    const size_t kept = section.size() - PSI_HEADER_SIZE; // of a copy (dup_psi_sec)
+    return held != nullptr && psi_get_length(held) == kept &&
+           memcmp(held, section.data(), kept) == 0;
+}
+
+bool get_pat_entry(const psi_block &table, unsigned section, unsigned j, program_entry *entry)
 {
     uint8_t *sec = table.sec[section];
     if (sec == nullptr)
         return false;
-    const uint8_t *entry = pat_get_program(sec, static_cast<uint8_t>(j));
-    if (entry == nullptr)
+    const uint8_t *found = pat_get_program(sec, static_cast<uint8_t>(j));
+    if (found == nullptr)
         return false;
-    *pid = patn_get_pid(entry);
+    *entry = {patn_get_program(found), patn_get_pid(found)};
     return true;
 }
 
@@ -164,10 +202,12 @@ uint32_t pmt_pcr_pid(const pmt_section &pmt) { return pmt_get_pcrpid(pmt.data())
 
 bool get_pmt_entry(pmt_section *pmt, unsigned j, pmt_entry *entry)
 {
-    const uint8_t *es = pmt_get_es(pmt->data(), static_cast<uint8_t>(j));
+    uint8_t *es = pmt_get_es(pmt->data(), static_cast<uint8_t>(j));
     if (es == nullptr)
         return false;
-    *entry = {pmtn_get_pid(es), pmtn_get_streamtype(es)};
+    uint8_t *own = pmtn_get_descs(es);
+    *entry = {pmtn_get_pid(es), pmtn_get_streamtype(es), has_audio_descriptor(own),
+              is_registered(own, "HDMV") || is_registered(pmt_get_descs(pmt->data()), "HDMV")};
     return true;
 }
 

@@ -1,7 +1,7 @@
 // Tables: sections taken from packets, gathered, compared, read and printed.
 //
 // The only room that touches the table library, which trusts its input. Here nothing is read past
-// the packet a section came in: a section ends at its packet's end at the latest.
+// the bytes that came.
 #pragma once
 
 #include "misc/ctxt.h"
@@ -28,9 +28,16 @@ std::span<const uint8_t> ts_section_bytes(ts_header h, const uint8_t *pkt);
 // fewer bytes than its length says, or too few for a CRC.
 bool section_crc_is_right(std::span<const uint8_t> section);
 
-// A private copy of a section with room behind it: its length never reaches past the packet, and
+// Fields of a section of eight bytes or more (2.4.4.4, 2.4.4.9).
+inline uint8_t section_table_id(std::span<const uint8_t> s) { return s[0]; }
+inline uint32_t section_extension(std::span<const uint8_t> s) { return s[3] * 256u + s[4]; }
+inline bool section_is_current(std::span<const uint8_t> s) { return (s[5] & 1) != 0; }
+inline uint8_t section_number(std::span<const uint8_t> s) { return s[6]; }
+inline uint8_t section_last_number(std::span<const uint8_t> s) { return s[7]; }
+
+// A private copy of a section with room behind it: its length never reaches past its bytes, and
 // what lies behind the section is zero, so that a reader misled by a length within the section
-// stays inside the copy.
+// stays inside the copy. A section of a packet ends with the packet at the latest.
 class psi_section {
 public:
     explicit psi_section(std::span<const uint8_t> bytes);
@@ -38,9 +45,9 @@ public:
     const uint8_t *data() const { return bytes_.data(); }
 
 private:
-    // A packet's bytes, what a PMT's descriptors may gain (pmt_section), and twice the 255 bytes
-    // and the headers that a length field can jump.
-    std::array<uint8_t, 1024> bytes_{};
+    // The bytes of the longest section, what a PMT's descriptors may gain (pmt_section), and twice
+    // the 255 bytes and the headers that a length field can jump.
+    std::array<uint8_t, 2048> bytes_{};
 };
 
 struct free_bytes {
@@ -72,8 +79,16 @@ void add_section(psi_block *table, const psi_section &pld);
 // Whether two complete tables have the same sections.
 bool tables_equal(const psi_block &a, const psi_block &b);
 
-// The PID of the j-th entry of a section held; false past the last entry or without the section.
-bool pat_entry_pid(const psi_block &table, unsigned section, unsigned j, uint32_t *pid);
+// Whether the table has this very section.
+bool holds_section(const psi_block &table, std::span<const uint8_t> section);
+
+struct program_entry {
+    uint32_t number; // programme_number; 0: the network PID
+    uint32_t pid;
+};
+
+// The j-th entry of a section held; false past the last entry or without the section.
+bool get_pat_entry(const psi_block &table, unsigned section, unsigned j, program_entry *entry);
 
 // Prints a complete PAT to a stream.
 void print_pat(psi_block *table, FILE *fp);
@@ -89,9 +104,13 @@ private:
     size_t clip_descriptors(size_t at, size_t len);
 };
 
+constexpr size_t MAX_SECTION_SIZE = 1024; // of a PAT or PMT, header and CRC included (2.4.4)
+
 struct pmt_entry {
     uint32_t pid;
     uint8_t stream_type;
+    bool has_audio_descriptor; // of ETSI EN 300 468: AC-3, E-AC-3, DTS, AAC, AC-4
+    bool is_hdmv;              // the programme or the stream is registered as "HDMV"
 };
 
 uint32_t pmt_pcr_pid(const pmt_section &pmt);
@@ -118,5 +137,5 @@ public:
 
 private:
     size_t size_ = 0;
-    std::array<uint8_t, TS_PACKET_SIZE> bytes_{};
+    std::array<uint8_t, MAX_SECTION_SIZE> bytes_{};
 };

@@ -1,6 +1,7 @@
 // The report for people, and the periodic check.
 
 #include "tsanalyze/context.h"
+#include "tsanalyze/iso.h"
 
 #include <libtarnlink/timeop.h>
 
@@ -67,6 +68,8 @@ void tsan_dump_stats(FILE *fp, tsan_t tc)
     fprintf(fp, "\t\tCC-MLR:            %lu\n\n", tc->gac.cc_mlr);
     for (size_t i = 0; i < tc->nprogs; ++i)
         dump_program(fp, tc->pg[i], i);
+    if (tc->iso != nullptr)
+        dump_standard(fp, tc);
     fprintf(fp, "tsan_stats END\n");
     tc->last_stats_dumped = now_seconds();
 }

@@ -35,11 +35,6 @@ bool is_wanted(const uint8_t *section)
     return has_syntax(section) && section_size(section) <= MAX_SECTION_SIZE;
 }
 
-bool has_discontinuity(ts_header h, const uint8_t *pkt)
-{
-    return hdr_has_adaptation(h) && pkt[4] != 0 && (pkt[5] & 0x80) != 0;
-}
-
 } // namespace
 
 void section_gatherer::take(ts_header h, const uint8_t *pkt)
@@ -55,7 +50,7 @@ void section_gatherer::take(ts_header h, const uint8_t *pkt)
         was_repeated_ = true;
         return;
     }
-    const bool is_next = hdr_cc(h) == ((hdr_cc(last_) + 1) & 0x0F) && !has_discontinuity(h, pkt);
+    const bool is_next = hdr_cc(h) == ((hdr_cc(last_) + 1) & 0x0F) && !ts_has_discontinuity(h, pkt);
     if (!is_next)
         drop_open();
     last_ = h;

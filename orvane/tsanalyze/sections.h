@@ -3,16 +3,13 @@
 // What a section means is not known here: what is handed out is whole and undamaged, no more.
 #pragma once
 
+#include "tsanalyze/psi.h"
 #include "tsanalyze/ts.h"
 
 #include <array>
 #include <cstddef>
 #include <cstdint>
 #include <span>
-
-// The longest section of a table that ISO/IEC 13818-1 defines (2.4.4.4, 2.4.4.9): header and a
-// section_length of 1021.
-constexpr size_t MAX_SECTION_SIZE = 1024;
 
 // Why a section was refused.
 enum section_fault : uint8_t {
@@ -21,6 +18,9 @@ enum section_fault : uint8_t {
     SECTION_BAD_CRC,
     SECTION_FAULTS
 };
+
+// Sections refused, by fault.
+typedef std::array<uint64_t, SECTION_FAULTS> section_refusals;
 
 // Gathers the sections of one PID. Memory is bounded: one open section and one packet's payload.
 //
@@ -43,7 +43,7 @@ public:
     std::span<const uint8_t> next();
 
     // Sections refused so far, by fault.
-    const std::array<uint64_t, SECTION_FAULTS> &refused() const { return refused_; }
+    const section_refusals &refused() const { return refused_; }
 
     // Forgets what is open and the last packet; the counts stay.
     void reset();
@@ -64,7 +64,7 @@ private:
     size_t payload_size_ = 0;
     size_t at_ = 0;     // bytes of the payload that are dealt with
     size_t proven_ = 0; // where in the payload a section with the right CRC begins; 0: not known
-    std::array<uint64_t, SECTION_FAULTS> refused_{};
+    section_refusals refused_{};
     std::array<uint8_t, TS_PACKET_SIZE> payload_; // of the last packet
     std::array<uint8_t, MAX_SECTION_SIZE> open_;
 };

@@ -88,6 +88,8 @@ void set_by_name(const char *name, int64_t value, tsan_config *cfg)
         cfg->cc_max_ms0_ms = value; // milliseconds here, seconds in a settings file
     else if (strcmp(name, "cc_track") == 0)
         cfg->cc_track = value > 0;
+    else if (strcmp(name, "iso") == 0)
+        cfg->iso_rules = value > 0;
 }
 
 const char *yes_no(bool flag) { return flag ? "yes" : "no"; }
@@ -131,6 +133,7 @@ int tsan_load_config(config_setting_t *section, tsan_config *cfg)
         return 0;
     }
     cfg->access_log_alerts = lookup_bool(section, "access_log_alerts");
+    cfg->iso_rules = lookup_bool(section, "iso_rules");
     int rc = load_config_setting_str(section, "source_tag", cfg->source, SOURCE_ROOM, nullptr);
     if (rc == 0)
         rc = load_sizes(section, cfg);
@@ -216,4 +219,6 @@ void tsan_dump_config(FILE *stream, const char *title, const tsan_config *cfg)
     dump_tracking(stream, &cfg->trk);
     fprintf(stream, "\taccess-log-alerts:     %s\n", cfg->access_log_alerts ? "YES" : "no");
     fprintf(stream, "\twrite-to-log:          %s\n", cfg->no_rlog ? "NO" : "yes");
+    if (cfg->iso_rules)
+        fprintf(stream, "\tISO/IEC 13818-1 rules: yes\n");
 }

@@ -19,15 +19,19 @@
 
 #include "tsanalyze/count.h"
 
+#include <cstring>
+
 // Chooses the shortcuts of a context by its settings.
 inline void choose_shortcuts(tsan_ctx *tc)
 {
+    constexpr ts_header damaged_or_scrambled = 0x8000C0;
     const tracking_opt &trk = tc->cfg.trk;
     tc->shortcuts = {.plain = !trk.cc_track,
                      .nothing = !trk.misc_ignore,
                      .quiet_pat = !trk.pat_pmt_pkt,
                      .quiet_pmt = !trk.pmt_diff,
-                     .late_tag = true};
+                     .late_tag = true,
+                     .special_bits = tc->cfg.iso_rules ? damaged_or_scrambled : 0};
 }
 
 // Makes every packet of a new context walk the whole road. For tests: nothing a user sees differs.
@@ -53,13 +57,14 @@ inline bool is_plain(const dgram_info &dat, ts_header h)
     return dat.stream != nullptr && h == dat.stream->next_plain;
 }
 
-inline void take_plain(tsan_ctx *tc, const dgram_info &dat, ts_header h)
+inline void take_plain(tsan_ctx *tc, const dgram_info &dat, ts_header h, const uint8_t *pkt)
 {
     stream_info *si = dat.stream;
     ++tc->atotal;
     inc_pkt_stat(&dat.program->stat, si);
     tc->last_cca.nmlr = -1;
     si->next_plain = hdr_continued(h);
+    memcpy(&si->fingerprint, pkt + 4, sizeof si->fingerprint); // see iso.h
 }
 
 // The last continuity counter of a stream; -1 before the first.
@@ -87,5 +92,6 @@ inline void expect_nothing(tsan_ctx *tc)
 
 inline bool means_nothing(const tsan_ctx *tc, const dgram_info &dat, ts_header h)
 {
-    return &dat == &tc->dat_none && (h & 0xFF000000) == tc->shortcuts.nothing_bits;
+    return &dat == &tc->dat_none &&
+           (h & (0xFF000000 | tc->shortcuts.special_bits)) == tc->shortcuts.nothing_bits;
 }

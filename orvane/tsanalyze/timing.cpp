@@ -19,25 +19,6 @@ uint64_t stamp_of(const stream_info *si, bool is_pts)
     return is_pts ? si->last_pts : si->last_dts;
 }
 
-// Distance of two clock values in milliseconds, in either order; the 33-bit wrap is not considered.
-uint32_t distance_ms(uint64_t a, uint64_t b)
-{
-    return pcr_delta_ms(std::min(a, b), std::max(a, b));
-}
-
-void alert_pcr_freq(tsan_ctx *tc, uint64_t pcr, uint64_t delta)
-{
-    program_info *pg = prog(tc);
-    if (!tc->cfg.no_rlog) // the time strings take ticks for milliseconds, intended
-        LOG_STMT(WARN_level, "ALERT PCR-FREQ pid=%u old/new: %lu [%s]/%lu [%s] delta=%lu\n",
-                 pg->pcr_pid, pg->last_pcr, ms_timestr(pg->last_pcr).text, pcr,
-                 ms_timestr(pcr).text, delta);
-    if (tc->cfg.access_log_alerts)
-        log_access("ALERT PCR-FREQ %s %u %lu %lu %lu [%s]\n", tc->cfg.source, pg->pcr_pid,
-                   pg->last_pcr, pcr, delta, tag_text(tc).text);
-    ++pg->alert.pcr_freq;
-}
-
 // The alert of a time stamp too far from the PCR.
 void dump_pcr_diff(tsan_ctx *tc, bool is_pts, uint64_t delta, const stream_info *si)
 {
@@ -87,23 +68,44 @@ void dump_time_info(tsan_ctx *tc, const char *alert, bool is_pts, uint64_t delta
                    r, si->pid, s, delta, tag.text);
 }
 
-// Checks a stream's last PTS (or DTS) against the programme's last PCR.
+} // namespace
+
+uint32_t distance_ms(const tsan_ctx *tc, uint64_t a, uint64_t b)
+{
+    if (tc->iso == nullptr)
+        return pcr_delta_ms(std::min(a, b), std::max(a, b));
+    const uint64_t forward = (a - b) % P2_33;
+    return static_cast<uint32_t>(std::min(forward, P2_33 - forward) / 90);
+}
+
+void alert_pcr_freq(tsan_ctx *tc, uint64_t pcr, uint64_t delta)
+{
+    program_info *pg = prog(tc);
+    if (!tc->cfg.no_rlog) // the time strings take ticks for milliseconds, intended
+        LOG_STMT(WARN_level, "ALERT PCR-FREQ pid=%u old/new: %lu [%s]/%lu [%s] delta=%lu\n",
+                 pg->pcr_pid, pg->last_pcr, ms_timestr(pg->last_pcr).text, pcr,
+                 ms_timestr(pcr).text, delta);
+    if (tc->cfg.access_log_alerts)
+        log_access("ALERT PCR-FREQ %s %u %lu %lu %lu [%s]\n", tc->cfg.source, pg->pcr_pid,
+                   pg->last_pcr, pcr, delta, tag_text(tc).text);
+    ++pg->alert.pcr_freq;
+}
+
 void ck_pcr(tsan_ctx *tc, bool is_pts, const stream_info *si)
 {
     program_info *pg = prog(tc);
-    const uint32_t delta = distance_ms(stamp_of(si, is_pts), pg->last_pcr);
+    const uint32_t delta = distance_ms(tc, stamp_of(si, is_pts), pg->last_pcr);
     inc_aval(&pg->av_pcr_delta, delta);
     if (delta > tc->cfg.max_pcr_delta)
         dump_pcr_diff(tc, is_pts, delta, si);
 }
 
-// Checks a stream's last PTS (or DTS) against that of the reference stream.
 void ck_tstamp(tsan_ctx *tc, bool is_pts, const stream_info *ref, const stream_info *si)
 {
     program_info *pg = prog(tc);
     const uint64_t r = stamp_of(ref, is_pts);
     const uint64_t s = stamp_of(si, is_pts);
-    const uint32_t delta = distance_ms(r, s);
+    const uint32_t delta = distance_ms(tc, r, s);
     inc_aval(&pg->av_pdts_delta, delta);
     if (delta == 0 && r != s) {
         dump_time_info(tc, "AV-DELTA0", is_pts, delta, ref, si);
@@ -113,8 +115,6 @@ void ck_tstamp(tsan_ctx *tc, bool is_pts, const stream_info *ref, const stream_i
         ++pg->alert.av_deltaplus;
     }
 }
-
-} // namespace
 
 void pcr_freq_check(tsan_ctx *tc, uint64_t pcr)
 {

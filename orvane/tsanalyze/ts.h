@@ -14,6 +14,7 @@
 // Reserved PIDs (ISO/IEC 13818-1, table 2-3; ETSI EN 300 468, table 1).
 constexpr uint32_t PAT_PID_NUMBER = 0;
 constexpr uint32_t SDT_PID_NUMBER = 17;
+constexpr uint32_t NULL_PID_NUMBER = 0x1FFF;
 
 constexpr size_t PID_COUNT = 8192; // PIDs have 13 bits
 
@@ -29,6 +30,8 @@ constexpr bool hdr_is_sync(ts_header h) { return h >> 24 == MPEG_TS_SYNC; }
 constexpr bool hdr_is_unit_start(ts_header h) { return (h & 0x400000) != 0; }
 constexpr uint32_t hdr_pid(ts_header h) { return h >> 8 & 0x1FFF; }
 constexpr bool hdr_has_adaptation(ts_header h) { return (h & 0x20) != 0; }
+constexpr bool hdr_is_damaged(ts_header h) { return (h & 0x800000) != 0; }
+constexpr bool hdr_is_scrambled(ts_header h) { return (h & 0xC0) != 0; }
 constexpr int hdr_cc(ts_header h) { return static_cast<int>(h & 0x0F); }
 
 // Whether the header says payload. That is what counters go by, also when the adaptation field
@@ -42,6 +45,12 @@ constexpr bool hdr_has_payload_only(ts_header h) { return (h & 0x30) == 0x10; }
 constexpr ts_header hdr_continued(ts_header h)
 {
     return (h & ~ts_header{0x40000F}) | ((h + 1) & 0x0F);
+}
+
+// Whether the adaptation field announces a discontinuity (2.4.3.5, discontinuity_indicator).
+inline bool ts_has_discontinuity(ts_header h, const uint8_t *pkt)
+{
+    return hdr_has_adaptation(h) && pkt[4] != 0 && (pkt[5] & 0x80) != 0;
 }
 
 // The payload bytes of a packet; none when the header says so, and when the adaptation field

@@ -62,7 +62,8 @@ struct tsan_config {
     bool cc_track;             // check continuity counters
     int64_t cc_max_ms0_ms; // distance (ms) from which two unexpected zeros are a reset; 0: never
     tracking_opt trk;
-    bool no_rlog; // no alerts to the application log
+    bool no_rlog;   // no alerts to the application log
+    bool iso_rules; // judge by ISO/IEC 13818-1 (see README.md, "Which rules?")
 };
 
 // A context. tsan_init makes it, tsan_free ends it.
@@ -126,8 +127,8 @@ void tsan_reset_local_stats(tsan_t t);
 int tsan_load_config(config_setting_t *section, tsan_config *cfg);
 
 // Applies one setting in words: "on", "enable", "off", "disable", or NAME=NUMBER with the names
-// skipped_pkts, pdts_delta, pcr_delta, pcr_freq, max_zreset_time (ms) and cc_track. Other names are
-// let pass. Returns 0, 22 for what cannot be read or is negative, or 12 without memory.
+// skipped_pkts, pdts_delta, pcr_delta, pcr_freq, max_zreset_time (ms), cc_track and iso. Other names
+// are let pass. Returns 0, 22 for what cannot be read or is negative, or 12 without memory.
 int tsan_cli_opt(const char *optstr, tsan_config *cfg);
 
 // Sets the trace switches named in a text ("all" or any of sdt_i, misc_i, pdts_u, pat_pmt, pcr_u,

@@ -1,0 +1,241 @@
+#include "tsanalyze/iso.h"
+
+#include "tsanalyze/packet.h"
+#include "tsanalyze/pids.h"
+
+#include <libtarnlink/mpegts.h>
+
+#include <algorithm>
+#include <cstring>
+
+namespace {
+
+enum cc_verdict { CC_GOOD, CC_REPEATED, CC_BROKEN };
+
+// The first bytes of the payload as a number; of a shorter one what there is.
+uint64_t fingerprint_of(const tsan_ctx *tc)
+{
+    const auto payload = ts_get_payload(tc->header, tc->pkt);
+    uint64_t number = 0;
+    memcpy(&number, payload.data(), std::min(payload.size(), sizeof number));
+    return number;
+}
+
+// Judges the counter of a packet of the stream.
+cc_verdict judge_counter(const tsan_ctx *tc, const stream_info &si)
+{
+    const int cc = hdr_cc(tc->header);
+    const int last = si.cc.value;
+    if (last == -1 || ts_has_discontinuity(tc->header, tc->pkt))
+        return CC_GOOD;
+    if (!hdr_has_payload(tc->header)) // adaptation_field_control 00 is reserved, and no packet
+        return cc == last || !hdr_has_adaptation(tc->header) ? CC_GOOD : CC_BROKEN;
+    if (cc == ((last + 1) & 15))
+        return CC_GOOD;
+    const bool is_same = cc == last && si.fingerprint == fingerprint_of(tc);
+    return is_same && !si.was_repeated ? CC_REPEATED : CC_BROKEN;
+}
+
+// An unexpected zero is a reset when the programme's PCR says that the previous one is long ago.
+// Returns the milliseconds between them, or -1 when there was none in this time base.
+int64_t note_unexpected_zero(const tsan_ctx *tc, cc_info *info)
+{
+    const program_info &pg = *prog(tc);
+    if (!pg.got_pcr || pg.awaits_base)
+        return -1;
+    // The seconds hold the PCR, the nanoseconds its time base; both zero is none.
+    const long base = static_cast<long>(pg.time_base) + 1;
+    const timespec before = info->ms0_tm;
+    info->ms0_tm = {static_cast<time_t>(pg.last_pcr), base};
+    if (before.tv_nsec != base)
+        return -1;
+    return distance_ms(tc, static_cast<uint64_t>(before.tv_sec), pg.last_pcr);
+}
+
+void report_break(tsan_ctx *tc, stream_info *si)
+{
+    const uint32_t pid = hdr_pid(tc->header);
+    const int cc = hdr_cc(tc->header);
+    int64_t delta = -1;
+    if (cc == 0 && tc->cfg.cc_max_ms0_ms != 0)
+        delta = note_unexpected_zero(tc, &si->cc);
+    if (delta >= 0 && delta >= tc->cfg.cc_max_ms0_ms)
+        alert_cc_rst(tc, pid, si->cc.value, cc, delta);
+    else
+        alert_cc_break(tc, pid, si->cc.value, cc);
+}
+
+void check_counter(tsan_ctx *tc, stream_info *si, cc_verdict verdict)
+{
+    if (verdict == CC_BROKEN)
+        report_break(tc, si);
+    else if (verdict == CC_GOOD && hdr_has_payload(tc->header))
+        tc->last_cca.nmlr = -1;
+    if (tc->cfg.trk.cc_track && hdr_has_payload(tc->header))
+        trace_cc(tc, hdr_pid(tc->header), hdr_cc(tc->header));
+}
+
+void note_counter(tsan_ctx *tc, stream_info *si)
+{
+    if (!hdr_has_payload(tc->header) && !hdr_has_adaptation(tc->header))
+        return;
+    si->was_repeated = hdr_has_payload(tc->header) && hdr_cc(tc->header) == si->cc.value &&
+                       si->fingerprint == fingerprint_of(tc);
+    si->cc.value = hdr_cc(tc->header);
+    if (hdr_has_payload(tc->header))
+        si->fingerprint = fingerprint_of(tc);
+}
+
+// ---- Clocks
+
+// A PCR needs seven bytes of adaptation field (2.4.3.4).
+bool has_whole_pcr(const tsan_ctx *tc)
+{
+    return hdr_has_adaptation(tc->header) && tc->pkt[4] >= 7 && ts_has_pcr(tc->pkt) != 0;
+}
+
+// The interval to the last PCR of the time base. A clock does not step back.
+void check_interval(tsan_ctx *tc, uint64_t pcr)
+{
+    program_info *pg = prog(tc);
+    const uint32_t delta = distance_ms(tc, pg->last_pcr, pcr);
+    const bool is_forward = (pcr - pg->last_pcr) % P2_33 < P2_33 / 2;
+    if (is_forward)
+        inc_aval(&pg->av_pcr_freq, delta);
+    if (!is_forward || delta > tc->cfg.pcr_freq_ms)
+        alert_pcr_freq(tc, pcr, delta);
+}
+
+void take_clock(tsan_ctx *tc)
+{
+    program_info *pg = prog(tc);
+    if (ts_has_discontinuity(tc->header, tc->pkt))
+        pg->awaits_base = true;
+    if (!has_whole_pcr(tc))
+        return;
+    const uint64_t pcr = ts_pcr_base(tc->pkt);
+    mk_ptag(tc);
+    if (pg->awaits_base)
+        ++pg->time_base;
+    else if (pg->got_pcr && tc->cfg.pcr_freq_ms != 0)
+        check_interval(tc, pcr);
+    pg->awaits_base = false;
+    store_pcr(tc, pcr);
+}
+
+// Checks what is fresh, once.
+void check_stamps_once(tsan_ctx *tc, stream_info *si)
+{
+    const program_info *pg = prog(tc);
+    const bool with_pcr = tc->cfg.max_pcr_delta != 0 && pg->got_pcr && !pg->awaits_base;
+    const stream_info *ref =
+        tc->cfg.max_pdts_delta != 0 && pg->ref_idx >= 0 ? &pg->stm[pg->ref_idx] : nullptr;
+    if (si->pts_updated && with_pcr)
+        ck_pcr(tc, true, si);
+    if (si->dts_updated && with_pcr)
+        ck_pcr(tc, false, si);
+    if (si->pts_updated && ref != nullptr && ref->pts_pktnum != 0 && ref->pts_base == si->pts_base)
+        ck_tstamp(tc, true, ref, si);
+    if (si->dts_updated && ref != nullptr && ref->dts_pktnum != 0 && ref->dts_base == si->dts_base)
+        ck_tstamp(tc, false, ref, si);
+}
+
+// ---- Users of a PID
+
+// A repetition carries nothing new, and a scrambled packet nothing to be read.
+void keep_account(tsan_ctx *tc, bool is_repetition)
+{
+    if (is_repetition)
+        return;
+    if (hdr_pid(tc->header) == prog(tc)->pcr_pid)
+        take_clock(tc);
+    if (tc->dat->stream != nullptr && hdr_is_unit_start(tc->header) &&
+        !hdr_is_scrambled(tc->header))
+        take_pes_header(tc);
+}
+
+// Everything about the packet for one of its users but its counter, which is the PID's and judged
+// once.
+void analyze_for_user(tsan_ctx *tc)
+{
+    stream_info *si = tc->dat->stream;
+    if (prog(tc)->stat.acount == 0)
+        begin_analysis(tc);
+    inc_pkt_stat(&prog(tc)->stat, si);
+    if (tc->cfg.is_enabled && si->stype == 'A' && hdr_pid(tc->header) != prog(tc)->pcr_pid)
+        check_stamps_once(tc, si);
+    si->pts_updated = si->dts_updated = false;
+}
+
+// The first stream among the users of the current PID, whose counter is judged; null: none.
+stream_info *first_stream(const tsan_ctx *tc)
+{
+    const dgram_info *dat = tc->dat;
+    while (dat != nullptr && dat->stream == nullptr)
+        dat = next_user_of(*dat);
+    return dat != nullptr ? dat->stream : nullptr;
+}
+
+bool take_for_users(tsan_ctx *tc)
+{
+    stream_info *judged = first_stream(tc);
+    cc_verdict verdict = CC_GOOD;
+    if (judged != nullptr) {
+        forget_plain(judged);
+        verdict = judge_counter(tc, *judged);
+        ++tc->atotal;
+    }
+    const dgram_info *first = tc->dat;
+    for (const dgram_info *dat = first; dat != nullptr; dat = next_user_of(*dat)) {
+        change_user(tc, dat);
+        keep_account(tc, verdict == CC_REPEATED);
+        if (dat->stream == judged && judged != nullptr && tc->cfg.is_enabled && tc->cfg.cc_track)
+            check_counter(tc, judged, verdict);
+        if (dat->stream != nullptr)
+            analyze_for_user(tc);
+    }
+    change_user(tc, first);
+    if (judged == nullptr)
+        return false;
+    note_counter(tc, judged);
+    const bool is_special = (tc->header & tc->shortcuts.special_bits) != 0;
+    if (next_user_of(*first) == nullptr && !is_special && !judged->was_repeated)
+        expect_plain(tc);
+    return true;
+}
+
+} // namespace
+
+void change_user(tsan_ctx *tc, const dgram_info *dat)
+{
+    if (tc->dat == dat)
+        return;
+    tc->dat = dat;
+    tc->ptag_at = 0;
+    if (!tc->shortcuts.late_tag)
+        mk_ptag(tc);
+}
+
+bool take_by_standard(tsan_ctx *tc)
+{
+    const dgram_info &dat = *tc->dat;
+    const uint32_t pid = hdr_pid(tc->header);
+    if (hdr_is_damaged(tc->header)) {
+        ++tc->iso->damaged;
+        return false;
+    }
+    const bool is_scrambled = hdr_is_scrambled(tc->header);
+    if (is_scrambled)
+        ++tc->iso->scrambled[pid];
+    if (dat.is_pat || dat.is_pmt) {
+        if (!is_scrambled)
+            dat.is_pat ? take_pat_by_standard(tc) : take_pmt_by_standard(tc);
+    } else if (dat.program != nullptr) {
+        return take_for_users(tc);
+    } else if (pid == SDT_PID_NUMBER) {
+        take_sdt(tc);
+    } else if (tc->cfg.trk.misc_ignore) {
+        trace_ignored(tc);
+    }
+    return false;
+}
