@@ -21,13 +21,13 @@ int load_config_setting_str(const config_setting_t *setting, const char *key, ch
         if (len >= size) {
             LOG_STMT(ERR_level, "%s: %s value is too long (%ld), max = %ld characters.\n", __func__,
                      key, static_cast<long>(len), static_cast<long>(size));
-            return -1;
+            return SETTING_TOO_LONG;
         }
     } else {
         text = default_text != nullptr ? default_text : "";
     }
     copy_text(dst, size, text);
-    return 0;
+    return SETTING_OK;
 }
 
 int load_config_setting_size(const config_setting_t *setting, const char *key, size_t *out,
@@ -36,18 +36,18 @@ int load_config_setting_size(const config_setting_t *setting, const char *key, s
     long long number = 0;
     if (config_setting_lookup_int64(setting, key, &number) == CONFIG_TRUE) {
         *out = static_cast<size_t>(number);
-        return 0;
+        return SETTING_OK;
     }
     char text[32];
-    if (load_config_setting_str(setting, key, text, sizeof text, nullptr) != 0)
-        return -1;
+    if (load_config_setting_str(setting, key, text, sizeof text, nullptr) != SETTING_OK)
+        return SETTING_TOO_LONG;
     if (text[0] == '\0') {
         *out = default_size;
-        return 0;
+        return SETTING_OK;
     }
     int64_t value = 0;
     const int rc = a2int64(text, &value);
-    if (rc == 0)
+    if (rc == NUMBER_OK)
         *out = static_cast<size_t>(value);
     return rc;
 }

@@ -8,6 +8,8 @@ namespace {
 
 loglevel_ctx g_llctx{.mod = 7};
 
+static_assert(sizeof(long) == sizeof(uint64_t)); // as the messages' formats take it
+
 } // namespace
 
 uint64_t calc_pcr_delta(uint64_t first, uint64_t last, int flags)
@@ -30,7 +32,7 @@ uint64_t calc_pcr_delta(uint64_t first, uint64_t last, int flags)
     }
     if ((flags & F_MAX_PCRD) != 0 && diff > MAX_PCR_GAP)
         LOG_STMT(WARN_level, "%s: PCR gap=%lu exceeds max=%u; last=%lu, first=%lu\n", __func__,
-                 diff, MAX_PCR_GAP, last, first);
+                 diff, unsigned{MAX_PCR_GAP}, last, first);
     return diff;
 }
 

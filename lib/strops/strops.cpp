@@ -10,15 +10,17 @@
 #include <cstring>
 #include <strings.h>
 
-static int convert(const char *text, double *value)
+namespace {
+
+int convert(const char *text, double *value)
 {
     errno = 0;
     *value = strtod(text, nullptr);
-    return errno == 0 ? 0 : -4;
+    return errno == 0 ? NUMBER_OK : NUMBER_OUT_OF_RANGE;
 }
 
 // The factor of a suffix, or 0 for an unknown one.
-static double suffix_factor(const char *suffix)
+double suffix_factor(const char *suffix)
 {
     static const struct {
         const char *word;
@@ -33,6 +35,8 @@ static double suffix_factor(const char *suffix)
     return 0;
 }
 
+} // namespace
+
 int a2double(const char *text, double *out)
 {
     INVARIANT(text != nullptr);
@@ -41,22 +45,22 @@ int a2double(const char *text, double *out)
         ++suffix;
 
     double value = 0;
-    int rc = 0;
+    int rc = NUMBER_OK;
     if (*suffix == '\0') {
         rc = convert(text, &value);
     } else {
         const double factor = suffix_factor(suffix);
         if (factor == 0)
-            return -5;
+            return NUMBER_BAD_SUFFIX;
         char number[64];
         const size_t len = static_cast<size_t>(suffix - text);
         if (len >= sizeof number)
-            return -3;
+            return NUMBER_TOO_LONG;
         copy_text(number, len + 1, text);
         rc = convert(number, &value);
         value *= factor;
     }
-    if (rc == 0 && out != nullptr)
+    if (rc == NUMBER_OK && out != nullptr)
         *out = value;
     return rc;
 }
@@ -64,14 +68,14 @@ int a2double(const char *text, double *out)
 int a2int64(const char *text, int64_t *out)
 {
     double value = 0;
-    if (const int rc = a2double(text, &value); rc != 0)
+    if (const int rc = a2double(text, &value); rc != NUMBER_OK)
         return rc;
     constexpr double limit = 9223372036854775808.0; // 2^63
     if (std::isnan(value) || value > limit || value < -limit)
-        return -2;
+        return NUMBER_TOO_LARGE;
     if (out != nullptr) // 2^63 itself is let through and becomes the largest number
         *out = value == limit ? INT64_MAX : static_cast<int64_t>(value);
-    return 0;
+    return NUMBER_OK;
 }
 
 void copy_text(char *dst, size_t size, const char *src)
