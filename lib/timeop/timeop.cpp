@@ -4,6 +4,8 @@
 #include <libtarnlink/log.h>
 
 #include <algorithm>
+#include <atomic>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -19,16 +21,125 @@ char g_timezone[16]; // cached zone text, " ZONE"
 // Set while a calendar conversion is under way; a signal handler that wants one then is refused.
 volatile sig_atomic_t g_tmlock;
 
+constexpr long NSEC_PER_SEC = 1000000000;
+static_assert(sizeof(long) == 8 && sizeof(time_t) == 8); // as the formats here take them
+
+// The zone as tzset leaves it.
+struct zone_state {
+    const char *names[2]; // the C library keeps one text for each name
+    long seconds_west;
+    int has_summer_time;
+
+    static zone_state now() { return {{tzname[0], tzname[1]}, ::timezone, daylight}; }
+    bool operator==(const zone_state &) const = default;
+};
+
 // The calendar text of one second. Log lines come in bursts, so it is worth keeping.
 struct calendar_text {
     time_t sec;
     bool gmt;
     int len; // 0: nothing kept
+    zone_state zone;
     char text[TIMESTR_SZ];
 };
 calendar_text g_calendar;
+volatile sig_atomic_t g_calendar_changes; // how often; wraps
 
-constexpr long NSEC_PER_SEC = 1000000000;
+struct calendar_lock {
+    calendar_lock()
+    {
+        g_tmlock = 1;
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+    }
+    ~calendar_lock()
+    {
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+        g_tmlock = 0;
+    }
+    calendar_lock(const calendar_lock &) = delete;
+    calendar_lock &operator=(const calendar_lock &) = delete;
+};
+
+// Copies the text kept to `out` when it is that of this second. Returns its length, or 0: none, or
+// a signal handler has changed it in the middle of the copy.
+int copy_kept_calendar(time_t sec, bool gmt, char *out)
+{
+    const sig_atomic_t changes = g_calendar_changes;
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    const calendar_text &c = g_calendar;
+    const int len = c.len;
+    if (len == 0 || c.sec != sec || c.gmt != gmt || c.zone != zone_state::now())
+        return 0;
+    memcpy(out, c.text, static_cast<size_t>(len));
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    return changes == g_calendar_changes ? len : 0;
+}
+
+// Writes the calendar text of a second to `out`, which has room for TIMESTR_SZ bytes. Returns its
+// length, or 0 when the time has no calendar.
+int put_calendar(time_t sec, bool gmt, char *out)
+{
+    if (const int len = copy_kept_calendar(sec, gmt, out); len > 0)
+        return len;
+    const calendar_lock lock;
+    g_calendar_changes = g_calendar_changes + 1;
+    calendar_text &c = g_calendar;
+    c.len = 0;
+    tm t{};
+    if ((gmt ? gmtime_r(&sec, &t) : localtime_r(&sec, &t)) == nullptr)
+        return 0;
+    c.sec = sec;
+    c.gmt = gmt;
+    c.zone = zone_state::now();
+    c.len = snprintf(c.text, sizeof c.text, "%04ld-%02d-%02d %02d:%02d:%02d", t.tm_year + 1900L,
+                     t.tm_mon + 1, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec);
+    memcpy(out, c.text, static_cast<size_t>(c.len));
+    return c.len;
+}
+
+bool is_later(const timespec &a, const timespec &b)
+{
+    return a.tv_sec != b.tv_sec ? a.tv_sec > b.tv_sec : a.tv_nsec > b.tv_nsec;
+}
+
+bool ticks_timed_out(uint32_t last, uint32_t tmout, uint32_t now)
+{
+    if (last == 0)
+        return true;
+    if (now < last) // the counter has wrapped; the tick less is intended
+        return now - last - 1 >= tmout;
+    return now >= tmout + last;
+}
+
+int mk_raw_timestr(const timespec *tms, char *buf, size_t buflen)
+{
+    const int n = snprintf(buf, std::max<size_t>(buflen, 1) - 1, "%ld.%06ld", tms->tv_sec,
+                           tms->tv_nsec / 1000);
+    return static_cast<size_t>(n) >= buflen ? TIME_FAILED : n;
+}
+
+// Appends ".uuuuuu" behind `out`; returns the end.
+char *put_micros(char *out, long nsec)
+{
+    if (nsec < 0 || nsec >= NSEC_PER_SEC) // no such time, but a host may have one
+        return out + snprintf(out, sizeof ".-9223372036854775", ".%06ld", nsec / 1000);
+    *out++ = '.';
+    long micros = nsec / 1000;
+    for (int i = 5; i >= 0; --i, micros /= 10)
+        out[i] = static_cast<char>('0' + micros % 10);
+    return out + 6;
+}
+
+int scan_raw_time(const char *s, timespec *tms)
+{
+    long sec = 0;
+    long usec = 0;
+    const int n = sscanf(s, "%ld.%06ld ", &sec, &usec);
+    if (n < 2)
+        return TIME_FAILED;
+    *tms = {sec, usec * 1000};
+    return n;
+}
 
 } // namespace
 
@@ -63,11 +174,6 @@ void set_now(timespec *tms) { set_clk_now(tms, CLOCK_MONOTONIC); }
 void cpy_timespec(const timespec *src, timespec *dst) { *dst = *src; }
 
 // ---- Time-outs
-
-static bool is_later(const timespec &a, const timespec &b)
-{
-    return a.tv_sec != b.tv_sec ? a.tv_sec > b.tv_sec : a.tv_nsec > b.tv_nsec;
-}
 
 int timed_out_as(const timespec *last_tm, const timespec *tmout, int /*in_real_time*/,
                  const timespec *clknow)
@@ -124,15 +230,6 @@ void set_tspan(tspan *spn, const timespec *tm, uint32_t ticks)
     }
 }
 
-static bool ticks_timed_out(uint32_t last, uint32_t tmout, uint32_t now)
-{
-    if (last == 0)
-        return true;
-    if (now < last) // the counter has wrapped; the tick less is intended
-        return now - last - 1 >= tmout;
-    return now >= tmout + last;
-}
-
 bool tspan_timed_out(const tspan *last, const tspan *tmout, const timespec *now, uint32_t ticks_now)
 {
     INVARIANT(tmout->mode == last->mode);
@@ -183,8 +280,12 @@ const char *get_timezone(int refresh)
 {
     if (refresh == 0 && g_timezone[0] != '\0')
         return g_timezone;
-    g_calendar.len = 0;
+    if (g_tmlock != 0)
+        return nullptr;
     const time_t now = now_seconds();
+    const calendar_lock lock;
+    g_calendar_changes = g_calendar_changes + 1;
+    g_calendar.len = 0;
     tm local{};
     if (localtime_r(&now, &local) == nullptr) {
         perror("localtime_r");
@@ -198,73 +299,31 @@ const char *get_timezone(int refresh)
     return g_timezone;
 }
 
-// The calendar text of a second, from the last call when it was the same second. Null when the time
-// has no calendar.
-static const calendar_text *calendar_of(time_t sec, bool gmt)
-{
-    calendar_text &c = g_calendar;
-    if (c.len > 0 && c.sec == sec && c.gmt == gmt)
-        return &c;
-    c.len = 0;
-    tm t{};
-    g_tmlock = 1;
-    const tm *converted = gmt ? gmtime_r(&sec, &t) : localtime_r(&sec, &t);
-    if (converted != nullptr) {
-        c.sec = sec;
-        c.gmt = gmt;
-        c.len = snprintf(c.text, sizeof c.text, "%04ld-%02d-%02d %02d:%02d:%02d", t.tm_year + 1900L,
-                         t.tm_mon + 1, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec);
-    }
-    g_tmlock = 0;
-    if (converted == nullptr) {
-        perror("gmtime_r/localtime_r");
-        return nullptr;
-    }
-    return &c;
-}
-
-static int mk_raw_timestr(const timespec *tms, char *buf, size_t buflen)
-{
-    const int n = snprintf(buf, std::max<size_t>(buflen, 1) - 1, "%ld.%06ld", tms->tv_sec,
-                           tms->tv_nsec / 1000);
-    return static_cast<size_t>(n) >= buflen ? -1 : n;
-}
-
-// Appends ".uuuuuu" behind `out`; returns the end.
-static char *put_micros(char *out, long micros)
-{
-    *out++ = '.';
-    for (int i = 5; i >= 0; --i, micros /= 10)
-        out[i] = static_cast<char>('0' + micros % 10);
-    return out + 6;
-}
-
 int mk_timestr(const timespec *tms, uint32_t flags, char *buf, size_t buflen)
 {
     if ((flags & f_RAW_TIME) != 0)
         return mk_raw_timestr(tms, buf, buflen);
     if (g_tmlock != 0)
-        return -35;
-    const calendar_text *calendar = calendar_of(tms->tv_sec, (flags & f_GMT_TIME) != 0);
-    if (calendar == nullptr)
-        return -1;
+        return TIME_BUSY;
+    char text[TIMESTR_SZ + 48];
+    const int len = put_calendar(tms->tv_sec, (flags & f_GMT_TIME) != 0, text);
+    if (len == 0) {
+        perror("gmtime_r/localtime_r");
+        return TIME_FAILED;
+    }
+    char *end = text + len;
+    if ((flags & f_FMT_SECONDS) == 0)
+        end = put_micros(end, tms->tv_nsec);
     const char *zone = get_timezone(0);
-    if (calendar->len == 0) // the zone's first look-up dropped the text just made
-        calendar = calendar_of(tms->tv_sec, (flags & f_GMT_TIME) != 0);
     if (zone == nullptr)
         zone = "";
-
-    char text[TIMESTR_SZ + 32];
-    char *end = std::copy_n(calendar->text, calendar->len, text);
-    if ((flags & f_FMT_SECONDS) == 0)
-        end = put_micros(end, tms->tv_nsec / 1000);
     end = std::copy_n(zone, strlen(zone) + 1, end);
 
     const size_t n = static_cast<size_t>(end - text) - 1;
     if (n > buflen) {
         fprintf(stderr, "%s: timestamp buffer needs %d bytes, only %ld provided\n", __func__,
                 static_cast<int>(n), static_cast<long>(buflen));
-        return -1;
+        return TIME_FAILED;
     }
     if (buflen > 0) { // a text of exactly buflen characters is cut by one and accepted
         const size_t kept = std::min(n, buflen - 1);
@@ -272,17 +331,6 @@ int mk_timestr(const timespec *tms, uint32_t flags, char *buf, size_t buflen)
         buf[kept] = '\0';
     }
     return static_cast<int>(n);
-}
-
-static int scan_raw_time(const char *s, timespec *tms)
-{
-    long sec = 0;
-    long usec = 0;
-    const int n = sscanf(s, "%ld.%06ld ", &sec, &usec);
-    if (n < 2)
-        return -1;
-    *tms = {sec, usec * 1000};
-    return n;
 }
 
 int scan_log_time(const char *s, timespec *tms, uint32_t flags)
@@ -305,13 +353,13 @@ int scan_log_time(const char *s, timespec *tms, uint32_t flags)
                    &t.tm_hour, &t.tm_min, &t.tm_sec, &usec);
     }
     if (n < wanted)
-        return -1;
+        return TIME_FAILED;
     t.tm_year -= 1900;
     t.tm_mon -= 1;
     const time_t sec = mktime(&t);
     if (sec == static_cast<time_t>(-1)) {
         LOG_STMT(ERR_level, "%s: cannot make time from [%s]\n", __func__, s);
-        return -1;
+        return TIME_FAILED;
     }
     *tms = {sec, usec * 1000};
     return n;
@@ -322,17 +370,17 @@ int mk_gmt_date(time_t ut, char *buf, size_t buflen)
     tm t{};
     if (gmtime_r(&ut, &t) == nullptr) {
         perror("gmtime");
-        return -1;
+        return TIME_FAILED;
     }
     const int n =
         snprintf(buf, buflen, "%04ld-%02d-%02d", t.tm_year + 1900L, t.tm_mon + 1, t.tm_mday);
     if (n < 1 || static_cast<size_t>(n) > buflen) {
         LOG_STMT(ERR_level, "%s: timestamp buffer needs %d bytes, only %ld provided\n", __func__, n,
                  static_cast<long>(buflen));
-        return -1;
+        return TIME_FAILED;
     }
     buf[buflen - 1] = '\0';
-    return 0;
+    return TIME_OK;
 }
 
 int mk_timespan(long total_sec, char *buf, size_t buflen)
@@ -342,13 +390,13 @@ int mk_timespan(long total_sec, char *buf, size_t buflen)
     if (days > 0) {
         const int n = snprintf(buf, buflen, "%02ldd ", days);
         if (n < 1 || static_cast<size_t>(n) > buflen)
-            return -1;
+            return TIME_FAILED;
         used = static_cast<size_t>(n);
     }
     const long rest = total_sec % 86400;
     const int n = snprintf(buf + used, buflen - used, "%02ldh:%02ldm:%02lds", rest / 3600,
                            rest % 3600 / 60, rest % 60);
-    return n < 1 || static_cast<size_t>(n) > buflen - used ? -1 : 0;
+    return n < 1 || static_cast<size_t>(n) > buflen - used ? TIME_FAILED : TIME_OK;
 }
 
 time_t get_endofday_utime(time_t t)
@@ -356,7 +404,7 @@ time_t get_endofday_utime(time_t t)
     tm local{};
     if (localtime_r(&t, &local) == nullptr) {
         LOG_STMT(ERR_level, "%s: localtime_r() FAILED\n", __func__);
-        return -1;
+        return TIME_FAILED;
     }
     local.tm_hour = 23;
     local.tm_min = 59;

@@ -37,12 +37,20 @@ TEST_F(timeop, timed_out_is_strictly_later)
         g_now = now;
         return timed_out(&last, &tmout);
     };
-    EXPECT_TRUE(!out({1, 500}, {2, 500}, {3, 1000}) && out({1, 500}, {2, 500}, {3, 1001}));
-    EXPECT_TRUE(!out({1, 999999999}, {0, 1}, {2, 0}) && out({1, 999999999}, {0, 1}, {2, 1}));
+    EXPECT_EQ(out({1, 500}, {2, 500}, {3, 1000}), 0);
+    EXPECT_EQ(out({1, 500}, {2, 500}, {3, 1001}), 1);
+    EXPECT_EQ(out({1, 999999999}, {0, 1}, {2, 0}), 0);
+    EXPECT_EQ(out({1, 999999999}, {0, 1}, {2, 1}), 1);
+}
+
+TEST_F(timeop, a_difference_has_no_sign)
+{
     const timespec a{1, 900000000}, b{3, 899900000};
     EXPECT_EQ(diff_ms(&a, &b), 1999);
     g_now = {BOOT + 4, 0};
     EXPECT_EQ(diff_ms(&a, nullptr), 2100);
+    EXPECT_EQ(diff_ms(nullptr, &a), 2100);
+    EXPECT_EQ(diff_ms(nullptr, nullptr), 0);
 }
 
 TEST_F(timeop, makes_time_strings)
@@ -52,9 +60,29 @@ TEST_F(timeop, makes_time_strings)
     EXPECT_EQ(text_of({MARCH_1, 7000}, f_FMT_SECONDS), "2026-03-01 12:00:00 EST");
     EXPECT_EQ(text_of({60, 999999999}, f_RAW_TIME), "60.999999");
     EXPECT_EQ(text_of({JULY_1, 0}, 0), "2026-07-01 12:00:00.000000 EST"); // the zone as looked up
-    set_zone("UTC"); // a text kept of the same second must not survive
-    EXPECT_EQ(text_of({JULY_1, 0}, 0), "2026-07-01 16:00:00.000000 UTC");
-    EXPECT_EQ(text_of({JULY_1, 0}, 0, 30), "2026-07-01 16:00:00.000000 UT"); // let through, cut
+    for (const auto &[nsec, text] : {std::pair{-7500L, "-00007"}, {12345678901L, "12345678"}})
+        EXPECT_EQ(text_of({MARCH_1, nsec}, 0), std::string("2026-03-01 12:00:00.") + text + " EST");
+}
+
+// The text of a second is kept, but not for another zone; the zone's name is that of the look-up.
+TEST_F(timeop, follows_the_zone)
+{
+    const auto after = [](const char *zone) {
+        text_of({JULY_1, 0}, f_FMT_SECONDS);
+        setenv("TZ", zone, 1);
+        tzset();
+        return text_of({JULY_1, 0}, f_FMT_SECONDS);
+    };
+    EXPECT_EQ(after("CST6CDT,M3.2.0,M11.1.0"), "2026-07-01 11:00:00 EST");
+    EXPECT_EQ(after("CST6"), "2026-07-01 10:00:00 EST");
+    EXPECT_EQ(after("CST7"), "2026-07-01 09:00:00 EST");
+    get_timezone(1);
+    EXPECT_EQ(after("UTC"), "2026-07-01 16:00:00 CST");
+}
+
+TEST_F(timeop, refuses_what_does_not_fit)
+{
+    EXPECT_EQ(text_of({JULY_1, 0}, 0, 30), "2026-07-01 12:00:00.000000 ES"); // let through, cut
     testing::internal::CaptureStderr();
     EXPECT_EQ(text_of({JULY_1, 0}, 0, 29), "failed");
     EXPECT_EQ(text_of({JULY_1, 0}, f_RAW_TIME, 17), "failed");
@@ -62,6 +90,24 @@ TEST_F(timeop, makes_time_strings)
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "mk_timestr: timestamp buffer needs 30 bytes, only 29 provided\n"
               "gmtime_r/localtime_r: Value too large for defined data type\n");
+}
+
+// The handler's own stamps are right or refused.
+TEST_F(timeop, stamps_are_true_under_signals)
+{
+    static constexpr time_t OWN = MARCH_1 + 30;
+    static unsigned wrong;
+    static const auto stamp = [](time_t sec) {
+        const timespec tms{sec, 0};
+        char buf[TIMESTR_SZ];
+        const int n = mk_timestr(&tms, f_FMT_SECONDS, buf, sizeof buf);
+        const int seconds = (buf[17] - '0') * 10 + buf[18] - '0';
+        if (n != TIME_BUSY && seconds != static_cast<int>(sec - MARCH_1))
+            ++wrong;
+    };
+    static time_t count;
+    do_interrupted([] { stamp(MARCH_1 + count++ / 2 % 20); }, [] { stamp(OWN); });
+    EXPECT_EQ(wrong, 0U);
 }
 
 TEST_F(timeop, reads_time_strings_back)
@@ -76,7 +122,7 @@ TEST_F(timeop, reads_time_strings_back)
     EXPECT_EQ(seconds("1969-12-31 18:59:59", f_FMT_SECONDS), 0);
 }
 
-TEST_F(timeop, spans_and_dates)
+TEST_F(timeop, ticks_wrap)
 {
     const struct {
         uint32_t last, tmout, now;
@@ -92,10 +138,20 @@ TEST_F(timeop, spans_and_dates)
         set_tspan(&tmout, nullptr, t.tmout);
         EXPECT_EQ(tspan_timed_out(&last, &tmout, nullptr, t.now), t.over) << t.last << " " << t.now;
     }
+}
+
+TEST_F(timeop, spans_and_dates)
+{
     char buf[32];
-    EXPECT_TRUE(mk_timespan(90061, buf, sizeof buf) == 0 && buf == std::string("01d 01h:01m:01s"));
-    EXPECT_TRUE(mk_timespan(59, buf, 12) == 0 && buf == std::string("00h:00m:59s"));
-    EXPECT_TRUE(mk_gmt_date(MARCH_1, buf, 11) == 0 && buf == std::string("2026-03-01"));
-    EXPECT_EQ(mk_gmt_date(MARCH_1, buf, 9), -1);
-    EXPECT_THAT(app.take(), testing::EndsWith("buffer needs 10 bytes, only 9 provided\n"));
+    const auto span = [&](long sec, size_t room) {
+        return mk_timespan(sec, buf, room) == TIME_OK ? buf : "failed";
+    };
+    EXPECT_STREQ(span(90061, sizeof buf), "01d 01h:01m:01s");
+    EXPECT_STREQ(span(86400, sizeof buf), "01d 00h:00m:00s");
+    EXPECT_STREQ(span(86399, 12), "23h:59m:59s");
+    EXPECT_STREQ(span(59, 10), "failed");
+    EXPECT_EQ(mk_gmt_date(MARCH_1, buf, 11), TIME_OK);
+    EXPECT_STREQ(buf, "2026-03-01");
+    EXPECT_EQ(mk_gmt_date(MARCH_1, buf, 9), TIME_FAILED);
+    EXPECT_EQ(app.take(), "(ERR)  mk_gmt_date: timestamp buffer needs 10 bytes, only 9 provided\n");
 }

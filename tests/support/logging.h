@@ -1,10 +1,12 @@
-// A clock set by hand, and logs kept as text.
+// A clock set by hand, logs kept as text, and signals that come all the time.
 #pragma once
 
 #include <libtarnlink/log.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <string>
+#include <sys/time.h>
 
 constexpr time_t BOOT = 500; // the monotonic clock is behind the others by so many seconds
 
@@ -58,3 +60,28 @@ private:
     size_t m_size = 0, m_taken = 0;
     FILE *m_stream = open_memstream(&m_text, &m_size);
 };
+
+inline void (*g_interruption)();
+inline volatile sig_atomic_t g_interruptions;
+
+// Does `work` again and again, until a signal that comes every 50 microseconds has interrupted it
+// 5000 times: often enough for a rare meeting.
+template <typename Work>
+void do_interrupted(Work work, void (*interruption)())
+{
+    const auto set_timer = [](suseconds_t period) {
+        const itimerval timer{{0, period}, {0, period}};
+        setitimer(ITIMER_REAL, &timer, nullptr);
+    };
+    g_interruption = interruption;
+    g_interruptions = 0;
+    const auto before = signal(SIGALRM, [](int) {
+        g_interruption();
+        g_interruptions = g_interruptions + 1;
+    });
+    set_timer(50);
+    while (g_interruptions < 5000)
+        work();
+    set_timer(0);
+    signal(SIGALRM, before);
+}
