@@ -2,6 +2,8 @@
 // over the ring's end, and a record about it in another.
 //
 // A reader believes nothing the record says: it takes each value once and keeps it within bounds.
+// Nor does it believe in the objects' lengths: touching a mapping of an object that somebody has
+// made shorter would kill it, so the record is read, and the text is touched by the kernel only.
 
 #include <libtarnlink/lard.h>
 
@@ -26,32 +28,33 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
-// The three mappings of the data object, one behind the other.
-struct lard_dbuf {
-    bool is_reader = false;
-    int dfd = -1;            // data object
-    char *data = nullptr;    // the ring
-    char *overlay = nullptr; // the ring once more, right behind it
-    char *ddz = nullptr;     // guard page behind both
-    size_t dlen = 0;
-    size_t olen = 0;
-    size_t zlen = 0;
-};
-
 // What a handle stands for. Where a pointer is null or a descriptor -1 there is nothing to undo.
 struct lard_ctx {
+    // The three mappings of the data object, one behind the other.
+    struct lard_dbuf {
+        bool is_reader = false;
+        int dfd = -1;            // data object
+        char *data = nullptr;    // the ring
+        char *overlay = nullptr; // the ring once more, right behind it
+        char *ddz = nullptr;     // guard page behind both
+        size_t dlen = 0;
+        size_t olen = 0;
+        size_t zlen = 0;
+    };
+
     char name[LARD_MAX_NAME]{};
-    int mfd = -1; // meta object
-    lard_meta *meta = nullptr;
-    size_t buflen = 0; // length of the ring
+    int mfd = -1;                    // meta object
+    lard_meta *meta = nullptr;       // the record; readers have none
+    size_t buflen = 0;               // length of the ring
+    volatile sig_atomic_t is_busy{}; // the writer is in the middle of a change
     lard_dbuf dbuf;
 };
 
 namespace {
 
-constexpr int NO_APPEND = -7;
 constexpr int NO_GUARD = 22;
 
+typedef lard_ctx::lard_dbuf lard_dbuf;
 typedef char object_name[LARD_MAX_NAME];
 
 size_t page_size() { return static_cast<size_t>(sysconf(_SC_PAGESIZE)); }
@@ -176,8 +179,7 @@ int open_object(const char *function, const char *object, int flags)
 int map_meta(const char *function, lard_ctx *lc)
 {
     const size_t len = sizeof *lc->meta;
-    const int access = lc->dbuf.is_reader ? PROT_READ : PROT_READ | PROT_WRITE;
-    void *meta = mmap(nullptr, len, access, MAP_SHARED | MAP_POPULATE, lc->mfd, 0);
+    void *meta = mmap(nullptr, len, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE, lc->mfd, 0);
     if (meta == MAP_FAILED) {
         fprintf(stderr, "%s: mmap(NULL, %lu, .., fd%d, 0) ERROR(%d): %s\n", function,
                 static_cast<unsigned long>(len), lc->mfd, errno, strerror(errno));
@@ -224,9 +226,10 @@ int map_data(const char *function, lard_dbuf &dbuf)
 
 // ---- Creating
 
-int report_size(const char *function, int fd, const char *object, size_t len, int error)
+int report_size(const char *function, const char *call, int fd, const char *object, size_t len,
+                int error)
 {
-    fprintf(stderr, "%s: ftruncate(fd%d/%s, %lu) ERROR(%d): %s\n", function, fd, object,
+    fprintf(stderr, "%s: %s(fd%d/%s, %lu) ERROR(%d): %s\n", function, call, fd, object,
             static_cast<unsigned long>(len), error, strerror(error));
     errno = error;
     return -1;
@@ -249,13 +252,12 @@ int create_data(lard_ctx *lc, const char *object, size_t npages)
     if (dbuf.dfd < 0)
         return -1;
     if (!set_lengths(lc, npages))
-        return report_size(__func__, dbuf.dfd, object, npages * page_size(), EINVAL);
+        return report_size(__func__, "ftruncate", dbuf.dfd, object, npages * page_size(), EINVAL);
     const size_t len = object_length(dbuf);
-    int error = ftruncate(dbuf.dfd, static_cast<off_t>(len)) == 0 ? 0 : errno;
-    if (error == 0)
-        error = allocate_ring(lc);
-    if (error != 0)
-        return report_size(__func__, dbuf.dfd, object, len, error);
+    if (ftruncate(dbuf.dfd, static_cast<off_t>(len)) != 0)
+        return report_size(__func__, "ftruncate", dbuf.dfd, object, len, errno);
+    if (const int error = allocate_ring(lc); error != 0)
+        return report_size(__func__, "posix_fallocate", dbuf.dfd, object, lc->buflen, error);
     return map_data(__func__, dbuf);
 }
 
@@ -272,13 +274,12 @@ int create_meta(lard_ctx *lc, const char *object, size_t npages)
         return -1;
     errno = ENOSPC; // what a short write means
     if (pwrite(lc->mfd, &meta, sizeof meta, 0) != static_cast<ssize_t>(sizeof meta))
-        return report_size(__func__, lc->mfd, object, sizeof meta, errno);
+        return report_size(__func__, "pwrite", lc->mfd, object, sizeof meta, errno);
     return map_meta(__func__, lc);
 }
 
 // ---- Opening
 
-// A mapping that reaches past its object kills whoever touches it.
 int check_size(const char *function, int fd, const char *object, size_t len)
 {
     struct stat st {};
@@ -297,9 +298,7 @@ int check_size(const char *function, int fd, const char *object, size_t len)
 int open_meta(lard_ctx *lc, const char *object)
 {
     lc->mfd = open_object(__func__, object, O_RDONLY);
-    if (lc->mfd < 0 || check_size(__func__, lc->mfd, object, sizeof *lc->meta) != 0)
-        return -1;
-    return map_meta(__func__, lc);
+    return lc->mfd < 0 ? -1 : check_size(__func__, lc->mfd, object, sizeof *lc->meta);
 }
 
 int open_data(lard_ctx *lc, const char *object, uint64_t npages)
@@ -312,6 +311,92 @@ int open_data(lard_ctx *lc, const char *object, uint64_t npages)
     if (check_size(__func__, dbuf.dfd, object, len) != 0)
         return -1;
     return map_data(__func__, dbuf);
+}
+
+// ---- Writing
+
+// Where the next text goes.
+char *append_position(const lard_ctx *lc)
+{
+    return lc->dbuf.data + (lc->meta->pld_start + lc->meta->pld_len) % lc->buflen;
+}
+
+// Whether a text of `n` bytes can be appended. Readers cannot: their mapping is read-only.
+bool can_append(const lard_ctx *lc, long n)
+{
+    return !lc->dbuf.is_reader && lc->is_busy == 0 && n >= 1 && n <= INT_MAX &&
+           static_cast<size_t>(n) < lc->buflen;
+}
+
+// While it lives, a signal handler cannot change the ring.
+struct ring_change {
+    explicit ring_change(lard_ctx *changed) : lc(changed)
+    {
+        lc->is_busy = 1;
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+    }
+    ~ring_change()
+    {
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+        lc->is_busy = 0;
+    }
+    ring_change(const ring_change &) = delete;
+    ring_change &operator=(const ring_change &) = delete;
+
+    lard_ctx *lc;
+};
+
+void push_sample(lard_meta *m, int32_t temp)
+{
+    const uint64_t idx = m->sns.idx < MAX_SNS ? m->sns.idx : 0;
+    const int64_t sum = int64_t{m->sns.sum} - m->sns.val[idx] + temp;
+    m->sns.sum = static_cast<int32_t>(sum);
+    INVARIANT(m->sns.sum >= 0);
+    m->sns.val[idx] = temp;
+    m->sns.idx = idx + 1 < MAX_SNS ? idx + 1 : 0;
+}
+
+int account_for(lard_ctx *lc, size_t n)
+{
+    lard_meta *m = lc->meta;
+    uint64_t start = m->pld_start;
+    uint64_t len = m->pld_len;
+    if (len < lc->buflen)
+        len += n;
+    else if (len == lc->buflen)
+        start += n;
+    if (len > lc->buflen) {
+        start += len % lc->buflen;
+        len = lc->buflen;
+    }
+    // The text is there before the record speaks of it.
+    std::atomic_ref(m->pld_start).store(start % lc->buflen, std::memory_order_release);
+    std::atomic_ref(m->pld_len).store(len, std::memory_order_release);
+    set_now(&m->write_tm);
+    push_sample(lc->meta, 0);
+    return static_cast<int>(n);
+}
+
+// ---- Reading
+
+// A copy of the record. False, with errno set, when it is gone.
+bool read_record(const lard_ctx *lc, lard_meta *out)
+{
+    errno = EIO; // what a short read means
+    return pread(lc->mfd, out, sizeof *out, 0) == static_cast<ssize_t>(sizeof *out);
+}
+
+// Whether the ring's text is still there, and whether the byte at `start` is a zero.
+bool look_at_text(const lard_ctx *lc, size_t start, bool *is_zero)
+{
+    struct stat st {};
+    char byte = 0;
+    if (fstat(lc->dbuf.dfd, &st) != 0 ||
+        pread(lc->dbuf.dfd, &byte, 1, static_cast<off_t>(start)) < 0)
+        return false;
+    *is_zero = byte == '\0';
+    errno = EIO;
+    return static_cast<size_t>(st.st_size) >= object_length(lc->dbuf);
 }
 
 } // namespace
@@ -342,7 +427,10 @@ lard_t lard_open(const char *name)
     unfinished_ring lc = new_lctx(name, true);
     if (lc == nullptr || open_meta(lc.get(), meta) != 0)
         return nullptr;
-    const uint64_t npages = std::atomic_ref(lc->meta->seg_pages).load();
+    lard_meta record;
+    if (!read_record(lc.get(), &record))
+        return nullptr;
+    const uint64_t npages = record.seg_pages;
     INVARIANT(npages > 0);
     if (open_data(lc.get(), data, npages) != 0)
         return nullptr;
@@ -355,44 +443,12 @@ void lard_destroy(lard_t lh) { free_lctx(lh, true); }
 
 // ---- Writing
 
-// Where the next text goes.
-static char *append_position(const lard_ctx *lc)
-{
-    return lc->dbuf.data + (lc->meta->pld_start + lc->meta->pld_len) % lc->buflen;
-}
-
-// Whether a text of `n` bytes can be appended. Readers cannot: their mapping is read-only.
-static bool can_append(const lard_ctx *lc, long n)
-{
-    return !lc->dbuf.is_reader && n >= 1 && n <= INT_MAX && static_cast<size_t>(n) < lc->buflen;
-}
-
-static int account_for(lard_ctx *lc, size_t n)
-{
-    lard_meta *m = lc->meta;
-    uint64_t start = m->pld_start;
-    uint64_t len = m->pld_len;
-    if (len < lc->buflen)
-        len += n;
-    else if (len == lc->buflen)
-        start += n;
-    if (len > lc->buflen) {
-        start += len % lc->buflen;
-        len = lc->buflen;
-    }
-    // The text is there before the record speaks of it.
-    std::atomic_ref(m->pld_start).store(start % lc->buflen, std::memory_order_release);
-    std::atomic_ref(m->pld_len).store(len, std::memory_order_release);
-    set_now(&m->write_tm);
-    lard_set_temp(lc, 0);
-    return static_cast<int>(n);
-}
-
 int lard_puts(lard_t lh, const char *str)
 {
     const size_t n = strnlen(str, lh->buflen);
     if (!can_append(lh, static_cast<long>(n)))
-        return NO_APPEND;
+        return LARD_NO_APPEND;
+    const ring_change change(lh);
     // One byte less than lard_printf has, as intended: of a text that just fits, the terminating
     // zero takes the last character's place.
     const size_t kept = std::min(n, lh->buflen - 2);
@@ -411,10 +467,11 @@ int lard_printf(lard_t lh, const char *fmt, ...)
     int n = vsnprintf(nullptr, 0, fmt, measured); // a text that does not fit must not be begun
     va_end(measured);
     if (can_append(lh, n)) {
+        const ring_change change(lh);
         vsnprintf(append_position(lh), lh->buflen, fmt, args);
         account_for(lh, static_cast<size_t>(n));
     } else {
-        n = NO_APPEND;
+        n = LARD_NO_APPEND;
     }
     va_end(args);
     return n;
@@ -422,45 +479,56 @@ int lard_printf(lard_t lh, const char *fmt, ...)
 
 void lard_set_temp(lard_t lh, int32_t temp)
 {
-    if (lh->dbuf.is_reader)
+    if (lh->dbuf.is_reader || lh->is_busy != 0)
         return;
-    lard_meta *m = lh->meta;
-    const uint64_t idx = m->sns.idx < MAX_SNS ? m->sns.idx : 0;
-    const int64_t sum = int64_t{m->sns.sum} - m->sns.val[idx] + temp;
-    m->sns.sum = static_cast<int32_t>(sum);
-    INVARIANT(m->sns.sum >= 0);
-    m->sns.val[idx] = temp;
-    m->sns.idx = idx + 1 < MAX_SNS ? idx + 1 : 0;
+    const ring_change change(lh);
+    push_sample(lh->meta, temp);
 }
 
 // ---- Reading
 
 ssize_t lard_snapshot(lard_t lh, int fd)
 {
+    lard_meta m;
+    if (!read_record(lh, &m))
+        return LARD_FAILED;
     // Whatever the record says, nothing past the overlay's first byte is read.
-    const size_t start = std::atomic_ref(lh->meta->pld_start).load() % lh->buflen;
-    const size_t len = std::min<size_t>(std::atomic_ref(lh->meta->pld_len).load(), lh->buflen);
+    const size_t start = m.pld_start % lh->buflen;
+    const size_t len = std::min<size_t>(m.pld_len, lh->buflen);
+    bool begins_with_zero = false;
+    if (!look_at_text(lh, start, &begins_with_zero))
+        return LARD_FAILED;
     char *data = lh->dbuf.data;
     if (start <= 1)
         return write(fd, data, len);
     // The counts are fixed: the byte behind the ring's end is part of the first piece, and the last
     // byte before `start` of neither when `start` holds a text's terminating zero.
-    const size_t z = data[start] == '\0' ? 1 : 0;
+    const size_t z = begins_with_zero ? 1 : 0;
     const size_t first = len + 1 > start + z ? len + 1 - start - z : 0;
     const iovec pieces[] = {{data + start + z, first}, {data, start - z}};
     return writev(fd, pieces, 2);
 }
 
-int32_t lard_get_ctemp(lard_t lh) { return std::atomic_ref(lh->meta->sns.sum).load(); }
+int32_t lard_get_ctemp(lard_t lh)
+{
+    lard_meta m;
+    return read_record(lh, &m) ? m.sns.sum : 0;
+}
 
-pid_t lard_owner_pid(lard_t lh) { return std::atomic_ref(lh->meta->owner_pid).load(); }
+pid_t lard_owner_pid(lard_t lh)
+{
+    lard_meta m;
+    return read_record(lh, &m) ? m.owner_pid : 0;
+}
 
 bool lard_is_active(lard_t lh, bool *crashed)
 {
-    const pid_t owner = lard_owner_pid(lh);
-    const bool is_closed = std::atomic_ref(lh->meta->is_closed).load() != 0;
-    const bool exists = owner >= 1 && kill(owner, 0) == 0;
+    lard_meta m;
+    if (!read_record(lh, &m))
+        m = {};
+    const bool exists = m.owner_pid >= 1 && (kill(m.owner_pid, 0) == 0 || errno == EPERM);
+    const bool is_closed = m.is_closed != 0;
     if (crashed != nullptr)
-        *crashed = owner >= 1 && !exists && !is_closed;
+        *crashed = m.owner_pid >= 1 && !exists && !is_closed;
     return exists && !is_closed;
 }
