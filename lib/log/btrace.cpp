@@ -22,12 +22,12 @@ int btrace_to_buf(char *buf, size_t len)
     const int count = backtrace(frames, 16);
     if (count < 1) {
         perror("backtrace");
-        return -1;
+        return LOG_FAILED;
     }
     const std::unique_ptr<char *[], free_symbols> symbols(backtrace_symbols(frames, count));
     if (symbols == nullptr) {
         perror("backtrace_symbols");
-        return -1;
+        return LOG_FAILED;
     }
     size_t used = 0;
     if (len > 0)
@@ -53,8 +53,8 @@ int snprintf_btrace(char *buf, size_t len, const char *fmt, ...)
         used = vsnprintf(buf, len, fmt, args);
         va_end(args);
         if (used < 0 || static_cast<size_t>(used) >= len)
-            return -1;
+            return LOG_FAILED;
     }
     const int n = btrace_to_buf(buf + used, len - static_cast<size_t>(used));
-    return n < 0 ? -1 : used + n;
+    return n < 0 ? LOG_FAILED : used + n;
 }

@@ -51,9 +51,9 @@ int match_log_level(const char *str, int *level)
         for (const char *word : l.words)
             if (word != nullptr && strcasecmp(str, word) == 0) {
                 *level = l.level;
-                return 0;
+                return LOG_OK;
             }
-    return -1;
+    return LOG_FAILED;
 }
 
 int read_level_env(const char *varname, int default_level)

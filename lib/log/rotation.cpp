@@ -1,6 +1,6 @@
 // Rotation: a file log is renamed to NAME.TIME and opened anew; a ring of rotated files is kept.
 
-#include "rotation.h"
+#include "log/rotation.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -18,7 +18,6 @@ constexpr size_t ROTATED_NAME_MAX = 159; // characters of a rotated file's name
 constexpr size_t DEFAULT_MAXFILES =
     16;                              // rotated files kept when the host asks for none or too many
 constexpr size_t OLD_NAME_MAX = 127; // characters of the name an old file is moved to
-constexpr int OLD_NAME_TOO_LONG = 7;
 
 const log_ctx *g_rotating; // the log being rotated
 
@@ -43,6 +42,57 @@ bool make_rotated_name(const char *function, const log_ctx *log, time_t tm,
     fprintf(stderr, "%s: log log->name is too long (%d bytes), max=%lu\n", function, n,
             static_cast<unsigned long>(ROTATED_NAME_MAX));
     return false;
+}
+
+// Whether there is a file to rotate: 1, or log_rotate's answer after a message.
+int can_rotate(const log_ctx *log)
+{
+    if (log->name[0] == '\0') {
+        fprintf(stderr, "%s: nothing to rotate.\n", "log_rotate");
+        return LOG_OK;
+    }
+    if (is_standard_stream(log->fp)) {
+        fprintf(stderr, "%s: stdout and stderr cannot be rotated.\n", "log_rotate");
+        return LOG_FAILED;
+    }
+    if (log->is_pipe != 0 || log->name[0] == '|') {
+        fprintf(stderr, "%s: not supported for pipe-based streams.\n", "log_rotate");
+        return LOG_FAILED;
+    }
+    return 1;
+}
+
+// Closes, renames and reopens the file. Returns a log_status; `problem` is empty unless the file
+// could not be renamed.
+int replace_file(log_ctx *log, const char *new_name, char (&problem)[LOG_ERRMSG_MAX])
+{
+    problem[0] = '\0';
+    log->is_lost = 1;
+    // A failed close frees the stream as well. A log that is lost already has nothing to close.
+    FILE *fp = std::exchange(log->fp, nullptr);
+    if (fp != nullptr && fclose(fp) != 0) {
+        fprintf(stderr, "%s: failed to close [%s], ERROR(%d): %s\n", "log_rotate", log->name, errno,
+                strerror(errno));
+        return LOG_FAILED;
+    }
+    if (rename(log->name, new_name) != 0) {
+        snprintf(problem, sizeof problem, "%s: failed to rename [%s] to [%s], ERROR(%d): %s",
+                 "log_rotate", log->name, new_name, errno, strerror(errno));
+        fprintf(stderr, "%s - rotation is to be stopped\n", problem);
+    } else {
+        log->loss.is_cut = false;
+    }
+    return open_log_file(log, log->name);
+}
+
+void drop_oldest(const log_ctx *log, const char *oldest, time_t now)
+{
+    if (unlink(oldest) != 0)
+        LOG_STMT(ERR_level, "%s: unlink(%s) ERROR(%d) : %s\n", "handle_rotation", oldest, errno,
+                 strerror(errno));
+    else
+        LOG_STMT(DEBUG_level, "%s: replaced %s with %s.%lu\n", "handle_rotation", oldest, log->name,
+                 static_cast<unsigned long>(now));
 }
 
 } // namespace
@@ -85,45 +135,6 @@ void rotate_if_due(log_ctx *log)
 
 // ---- Rotating
 
-// Whether there is a file to rotate: 1, or log_rotate's answer after a message.
-static int can_rotate(const log_ctx *log)
-{
-    if (log->name[0] == '\0') {
-        fprintf(stderr, "%s: nothing to rotate.\n", "log_rotate");
-        return 0;
-    }
-    if (is_standard_stream(log->fp)) {
-        fprintf(stderr, "%s: stdout and stderr cannot be rotated.\n", "log_rotate");
-        return -1;
-    }
-    if (log->is_pipe != 0 || log->name[0] == '|') {
-        fprintf(stderr, "%s: not supported for pipe-based streams.\n", "log_rotate");
-        return -1;
-    }
-    return 1;
-}
-
-// Closes, renames and reopens the file. Returns 0 or -1; `problem` is empty unless the file could
-// not be renamed.
-static int replace_file(log_ctx *log, const char *new_name, char (&problem)[LOG_ERRMSG_MAX])
-{
-    problem[0] = '\0';
-    log->is_lost = 1;
-    // A failed close frees the stream as well. A log that is lost already has nothing to close.
-    FILE *fp = std::exchange(log->fp, nullptr);
-    if (fp != nullptr && fclose(fp) != 0) {
-        fprintf(stderr, "%s: failed to close [%s], ERROR(%d): %s\n", "log_rotate", log->name, errno,
-                strerror(errno));
-        return -1;
-    }
-    if (rename(log->name, new_name) != 0) {
-        snprintf(problem, sizeof problem, "%s: failed to rename [%s] to [%s], ERROR(%d): %s",
-                 "log_rotate", log->name, new_name, errno, strerror(errno));
-        fprintf(stderr, "%s - rotation is to be stopped\n", problem);
-    }
-    return open_log_file(log, log->name);
-}
-
 int log_rotate(log_ctx *log)
 {
     const time_t now = now_seconds();
@@ -132,7 +143,7 @@ int log_rotate(log_ctx *log)
         return possible;
     char new_name[ROTATED_NAME_MAX + 1];
     if (!make_rotated_name(__func__, log, now, new_name))
-        return -1;
+        return LOG_FAILED;
 
     const rotating_mark mark(log);
     char problem[LOG_ERRMSG_MAX];
@@ -141,7 +152,7 @@ int log_rotate(log_ctx *log)
     for (FILE **user : users)
         if (user != nullptr)
             *user = log->fp;
-    if (rc != 0)
+    if (rc != LOG_OK)
         return rc;
     if (problem[0] != '\0') {
         log->total_out = 0; // the next attempt comes after another max_total bytes
@@ -149,20 +160,10 @@ int log_rotate(log_ctx *log)
     } else if (log->rota.max_idx != 0) {
         handle_rotation(log, now, new_name);
     }
-    return 0;
+    return LOG_OK;
 }
 
 // ---- The ring of rotated files
-
-static void drop_oldest(const log_ctx *log, const char *oldest, time_t now)
-{
-    if (unlink(oldest) != 0)
-        LOG_STMT(ERR_level, "%s: unlink(%s) ERROR(%d) : %s\n", "handle_rotation", oldest, errno,
-                 strerror(errno));
-    else
-        LOG_STMT(DEBUG_level, "%s: replaced %s with %s.%lu\n", "handle_rotation", oldest, log->name,
-                 static_cast<unsigned long>(now));
-}
 
 void handle_rotation(log_ctx *log, time_t now, const char *prev_log)
 {
@@ -192,17 +193,17 @@ int move_if_present(const char *path)
     struct stat st {};
     if (stat(path, &st) != 0) {
         if (errno == ENOENT)
-            return 0;
+            return LOG_OK;
         fprintf(stderr, "stat(%s) ERROR(%d): %s\n", path, errno, strerror(errno));
-        return -1;
+        return LOG_FAILED;
     }
     if (!S_ISREG(st.st_mode) || st.st_size == 0)
-        return 0;
+        return LOG_OK;
     char old_name[OLD_NAME_MAX + 1];
     const int n = snprintf(old_name, sizeof old_name, "%s.%lu", path,
                            static_cast<unsigned long>(st.st_mtime));
     if (n < 0 || static_cast<size_t>(n) > OLD_NAME_MAX)
-        return OLD_NAME_TOO_LONG;
+        return LOG_NAME_TOO_LONG;
     const int rc = rename(path, old_name);
     if (rc != 0)
         fprintf(stderr, "Cannot rename(%s, %s): ERROR(%d): %s\n", path, old_name, errno,

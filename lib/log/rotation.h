@@ -12,7 +12,7 @@ bool is_standard_stream(const FILE *fp);
 void rotate_if_due(log_ctx *log);
 
 // Opens `path` as the log's file in append mode, unbuffered, and sets total_out to its size.
-// Returns 0, or -1 after a message on standard error.
+// Returns LOG_OK or LOG_FAILED.
 int open_log_file(log_ctx *log, const char *path);
 
 // Opens the file of a log anew, quietly, when a rotation has left the log without a stream. Called

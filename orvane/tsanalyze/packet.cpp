@@ -56,7 +56,7 @@ uint64_t stamp_at(std::span<const uint8_t> pes, size_t at)
 // Whether to write the trace line of a time stamp: only where debug lines are written too.
 bool traces_stamps(const tsan_ctx *tc, bool updated)
 {
-    return updated && tc->cfg.trk.pdts_update && log_emits(g_llctx, DEBUG_level);
+    return updated && tc->cfg.trk.pdts_update && log_emits(&g_llctx, DEBUG_level);
 }
 
 void update_pts_dts(tsan_ctx *tc, std::span<const uint8_t> pes, stream_info *si)

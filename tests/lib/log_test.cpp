@@ -3,9 +3,13 @@
 #include "support/lines.h"
 #include "support/logging.h"
 
+#include <libtarnlink/invariant.h>
+
 #include <gmock/gmock.h>
 
+#include <cerrno>
 #include <syslog.h>
+#include <unistd.h>
 
 using namespace testing;
 using internal::CaptureStderr, internal::GetCapturedStderr;
@@ -28,6 +32,34 @@ struct logger : Test {
     log_text app{&g_log}, access{&g_access_log};
     temp_dir dir;
 };
+
+// An unbuffered stream. Each write takes at most as many bytes as the next step says, or fails with
+// the error -step; when there are no more steps it takes all.
+struct stepping_stream {
+    explicit stepping_stream(std::vector<int> plan) : steps(std::move(plan))
+    {
+        setvbuf(fp, nullptr, _IONBF, 0);
+    }
+    ~stepping_stream() { fclose(fp); }
+    stepping_stream(stepping_stream &&) = delete;
+
+    static ssize_t write(void *cookie, const char *data, size_t size)
+    {
+        auto &s = *static_cast<stepping_stream *>(cookie);
+        const int step = s.next < s.steps.size() ? s.steps[s.next++] : static_cast<int>(size);
+        errno = step < 0 ? -step : errno;
+        size = std::min(size, static_cast<size_t>(std::max(step, 0)));
+        s.text.append(data, size);
+        return static_cast<ssize_t>(size);
+    }
+
+    std::vector<int> steps;
+    size_t next = 0;
+    std::string text;
+    FILE *fp = fopencookie(this, "w", {nullptr, write, nullptr, nullptr});
+};
+
+extern "C" void c_host_speaks();
 
 } // namespace
 
@@ -60,9 +92,10 @@ TEST_F(logger, cuts_what_does_not_fit)
         CaptureStderr();
         LOG_STMT(NORM_level, "%s", line.c_str() + 7);
         log_access("%s", line.c_str());
+        log_access("x"); // the shortest line
         EXPECT_EQ(split_lines(GetCapturedStderr()).size(), length < 2048 ? 0U : 2U);
         EXPECT_EQ(app.take(), line.substr(0, 2047));
-        EXPECT_EQ(access.take(), length < 2048 ? line : "");
+        EXPECT_EQ(access.take(), (length < 2048 ? line : "") + "x");
     }
 }
 
@@ -99,6 +132,120 @@ TEST_F(logger, filters_by_module_and_section)
     EXPECT_EQ(app.take(), "(NRM)  1\n(CRI)  2\n(DBG)  3\n");
 }
 
+// The handler speaks when the outer line has its prefix, and when it waits to be written.
+TEST_F(logger, a_handlers_statements_leave_the_outer_line_whole)
+{
+    static bool is_due;
+    signal(SIGUSR1, [](int) {
+        LOG_STMT(NORM_level, "inner\n");
+        log_access("inner\n");
+    });
+    set_clock_reader([](clockid_t, timespec *tms) {
+        *tms = g_now;
+        return std::exchange(is_due, false) ? raise(SIGUSR1) : 0;
+    });
+    for (log_ctx *log : {&g_log, &g_access_log}) {
+        log_set_pfx(log, "pfx");
+        log_timefmt(log, f_RAW_TIME);
+    }
+    const std::string stamp = "pfx  1772366400.000000 ", tag = "(NRM)  ";
+    const auto expect = [&](const std::string &lines, const std::string &access_lines) {
+        EXPECT_EQ(app.take(), lines);
+        EXPECT_EQ(access.take(), access_lines);
+    };
+    const std::string inner = stamp + tag + "inner\n", access_inner = stamp + "inner\n";
+    is_due = true;
+    LOG_STMT(NORM_level, "outer\n");
+    expect(inner + stamp + tag + "outer\n", access_inner);
+    is_due = true;
+    log_access("outer\n");
+    expect(inner, access_inner + stamp + "outer\n");
+    logbuf_prepare(&g_log, NORM_level, "outer\n");
+    raise(SIGUSR1);
+    log_flush(&g_log, NORM_level);
+    expect(inner + stamp + tag + "outer\n", access_inner);
+    signal(SIGUSR1, SIG_DFL);
+}
+
+TEST_F(logger, writes_lines_whole_or_counts_them)
+{
+    const struct {
+        std::vector<int> steps;
+        std::string text;
+        size_t lost;
+    } cases[] = {
+        {{}, "first\nsecond\n", 0},
+        {{2, -EINTR, 1, -EINTR, -EINTR}, "first\nsecond\n", 0},
+        {{-EINTR}, "first\nsecond\n", 0},
+        {{-ENOSPC, -ENOSPC}, "second\n", 1},
+        {{2, -ENOSPC}, "fi\nsecond\n", 1}, // a line feed ends the piece
+        {{2, -ENOSPC, -ENOSPC, -ENOSPC, -ENOSPC}, "fi", 2},
+        {std::vector<int>(101, -EINTR), "second\n", 1}, // not for ever
+    };
+    for (const auto &c : cases) {
+        stepping_stream stream(c.steps);
+        g_log.loss = {};
+        log_default(&g_log, stream.fp);
+        for (const char *line : {"first\n", "second\n"}) {
+            logbuf_prepare(&g_log, MIN_level, "%s", line);
+            log_flush(&g_log, MIN_level);
+        }
+        EXPECT_EQ(stream.text, c.text);
+        EXPECT_EQ(log_lost(&g_log), c.lost) << c.text;
+        EXPECT_EQ(ferror(stream.fp), 0);
+    }
+}
+
+// What docs/logs.md tells hosts that log to a command to do.
+TEST_F(logger, survives_the_end_of_its_command)
+{
+    signal(SIGPIPE, SIG_IGN);
+    ASSERT_EQ(log_popen(&g_log, "exec true"), LOG_OK);
+    while (log_lost(&g_log) == 0)
+        LOG_STMT(NORM_level, "nobody reads this\n");
+    log_close(&g_log);
+    ASSERT_EQ(log_popen(&g_log, ("cat >" + dir.path("log")).c_str()), LOG_OK);
+    LOG_STMT(NORM_level, "anew\n");
+    log_close(&g_log);
+    EXPECT_EQ(file_text(dir.path("log")), "(NRM)  anew\n");
+    signal(SIGPIPE, SIG_DFL);
+}
+
+TEST_F(logger, tells_of_a_stream_that_cannot_be_closed)
+{
+    CaptureStderr();
+    ASSERT_EQ(log_popen(&g_log, "exit 3"), LOG_OK); // its business
+    log_close(&g_log);
+    signal(SIGCHLD, SIG_IGN); // nobody waits for it
+    ASSERT_EQ(log_popen(&g_log, "exit 3"), LOG_OK);
+    log_close(&g_log);
+    signal(SIGCHLD, SIG_DFL);
+    ASSERT_EQ(log_open_ex(&g_log, dir.path("log").c_str(), 0), LOG_OK);
+    close(fileno(g_log.fp));
+    log_close(&g_log);
+    EXPECT_EQ(GetCapturedStderr(),
+              "log_close: fclose error(9) for the application log: Bad file descriptor\n");
+}
+
+TEST_F(logger, keeps_what_was_said_before_an_invariant_broke)
+{
+    const std::string path = dir.path("log");
+    for (FILE **place : {&g_log.fp, &g_access_log.fp, &g_stats_log.mirror_fp}) {
+        FILE *before = std::exchange(*place, fopen(path.c_str(), "w"));
+        fputs("last words", *place);
+        EXPECT_DEATH(INVARIANT(0 == 1), "log_test.cpp: TestBody: invariant `0 == 1' broken");
+        EXPECT_EQ(file_text(path), "last words");
+        fclose(std::exchange(*place, before));
+    }
+}
+
+TEST_F(logger, serves_hosts_in_c)
+{
+    c_host_speaks();
+    EXPECT_EQ(app.take(), "(NRM)  -1, 1, 1536\n");
+    EXPECT_EQ(access.take(), "1 1\n");
+}
+
 TEST_F(logger, copies_alerts_to_syslog)
 {
     log_mirror(&g_log, log_fp(&g_log)); // the same stream: nothing comes twice
@@ -116,30 +263,39 @@ TEST_F(logger, copies_alerts_to_syslog)
 TEST_F(logger, opens_files)
 {
     const std::string path = dir.file("log", "old\n");
-    ASSERT_EQ(log_open_ex(&g_log, path.c_str(), F_APPEND_OLD), 0);
+    ASSERT_EQ(log_open_ex(&g_log, path.c_str(), F_APPEND_OLD), LOG_OK);
     LOG_STMT(NORM_level, "appended\n");
     EXPECT_EQ(file_text(path), "old\n(NRM)  appended\n"); // at once
     EXPECT_EQ(g_log.total_out, 4U + 16U);
     log_close(&g_log);
-    ASSERT_EQ(log_open_ex(&g_log, path.c_str(), 0), 0);
+    ASSERT_EQ(log_open_ex(&g_log, path.c_str(), 0), LOG_OK);
     EXPECT_EQ(file_text(path), "");
     log_close(&g_log);
+}
+
+TEST_F(logger, tells_why_a_file_cannot_be_opened)
+{
     CaptureStderr();
-    EXPECT_EQ(log_open_ex(&g_log, ("/tmp" + std::string(124, '/') + "x").c_str(), 0), -1);
-    EXPECT_EQ(log_open_ex(&g_log, "/missing/log", 0), -1);
+    EXPECT_EQ(log_open_ex(&g_log, ("/tmp" + std::string(124, '/') + "x").c_str(), 0), LOG_FAILED);
+    EXPECT_EQ(log_open_ex(&g_log, "/missing/log", 0), LOG_FAILED);
     EXPECT_THAT(GetCapturedStderr(), EndsWith(" ERROR(2): No such file or directory\n"));
 }
 
-TEST_F(logger, traces_calls_and_names_levels)
+TEST_F(logger, traces_calls)
 {
     char buf[4096];
     const int length = snprintf_btrace(buf, sizeof buf, "at %d:\n", 7);
     EXPECT_EQ(length, static_cast<int>(strlen(buf)));
     EXPECT_THAT(buf, StartsWith("at 7:\n#0: "));
     EXPECT_THAT(std::string(buf), AllOf(HasSubstr("\n#1: "), EndsWith("\n")));
-    EXPECT_EQ(snprintf_btrace(buf, 4, "at %d:\n", 7), -1);
+    EXPECT_EQ(snprintf_btrace(buf, 4, "at %d:\n", 7), LOG_FAILED);
+}
+
+TEST_F(logger, names_levels)
+{
     int level = 9;
-    EXPECT_TRUE(match_log_level("Warning", &level) == 0 && level == WARN_level);
-    EXPECT_EQ(match_log_level("panic", &level), -1);
+    EXPECT_EQ(match_log_level("Warning", &level), LOG_OK);
+    EXPECT_EQ(level, WARN_level);
+    EXPECT_EQ(match_log_level("panic", &level), LOG_FAILED);
     EXPECT_STREQ(log_level_str(CRIT_level), "ctitical");
 }

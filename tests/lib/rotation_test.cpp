@@ -6,6 +6,9 @@
 #include <gmock/gmock.h>
 
 #include <filesystem>
+#include <numeric>
+#include <set>
+#include <unistd.h>
 
 namespace fs = std::filesystem;
 using testing::internal::CaptureStderr, testing::internal::GetCapturedStderr;
@@ -30,6 +33,14 @@ struct rotation : testing::Test {
         log_set_rota(&g_log, max_size, max_files, 0);
         log_mirror(&g_access_log, log_fp(&g_log));
     }
+    std::string kept() const // the times of the rotated files
+    {
+        std::set<std::string> times;
+        for (const auto &file : fs::directory_iterator(dir.path()))
+            if (file.path().has_extension())
+                times.insert(file.path().extension().string().substr(1) + " ");
+        return std::accumulate(times.begin(), times.end(), std::string());
+    }
     std::string rotated(const std::string &tm, int idx) const
     {
         return "(NRM)  [host]: previous log rotated to [" + path + "." + tm + "] tm=" + tm +
@@ -50,15 +61,14 @@ TEST_F(rotation, keeps_the_newest_files)
     open(1, 3);
     for (time_t t = 101; t <= 104; ++t)
         say(t, "line");
-    EXPECT_TRUE(!fs::exists(path + ".101") && fs::exists(path + ".102"));
+    EXPECT_EQ(kept(), "102 103 104 ");
     EXPECT_EQ(file_text(path + ".104"), rotated("103", 2) + "(NRM)  line\n");
     EXPECT_EQ(file_text(path), rotated("104", 0));
     log_set_rota(&g_log, 1, 1, 0); // the next slot lies behind the last one now
     for (time_t t = 105; t <= 110; ++t)
         say(t, "more");
     say(110, "the same second");
-    EXPECT_TRUE(!fs::exists(path + ".102") && fs::exists(path + ".103"));
-    EXPECT_TRUE(fs::exists(path + ".105") && !fs::exists(path + ".109"));
+    EXPECT_EQ(kept(), "103 105 110 ");
     EXPECT_EQ(file_text(path + ".110"), rotated("110", 0) + "(NRM)  the same second\n");
 }
 
@@ -96,37 +106,65 @@ TEST_F(rotation, goes_on_in_a_file_that_cannot_be_renamed)
                                    " - rotation cancelled this time\n(NRM)  after\n");
 }
 
-TEST_F(rotation, survives_a_full_disk_and_a_folder_that_vanishes)
+TEST_F(rotation, survives_a_full_disk)
 {
     fs::create_symlink("/dev/full", path);
     open(1, 3);
     say(101, "no room");
     log_access("shared\n");
     EXPECT_EQ(file_text(path), rotated("101", 0) + "shared\n");
+    EXPECT_EQ(log_lost(&g_log), 1U);
+}
+
+TEST_F(rotation, survives_a_folder_that_vanishes)
+{
+    open(1, 3);
     fs::remove_all(dir.path());
     CaptureStderr();
+    say(103, "the last one in the old file");
     say(103, "lost");
     log_access("nowhere\n");
+    EXPECT_EQ(log_rotate(&g_log), LOG_FAILED);
     EXPECT_THAT(GetCapturedStderr(), testing::HasSubstr("ERROR(2): No such file or directory - "
                                                         "rotation is to be stopped\nlog_open_ex"));
+    EXPECT_EQ(log_lost(&g_log), 1U);
     fs::create_directory(dir.path());
     log_set_rota(&g_log, 0, 3, 0);
     say(104, "back");
     EXPECT_EQ(file_text(path), "(NRM)  back\n");
 }
 
-TEST_F(rotation, leaves_pipes_alone_and_moves_old_files_aside)
+TEST_F(rotation, goes_on_after_a_failed_close)
+{
+    open(0, 3);
+    CaptureStderr();
+    close(fileno(g_log.fp));
+    EXPECT_EQ(log_rotate(&g_log), LOG_FAILED);
+    EXPECT_EQ(GetCapturedStderr(),
+              "log_rotate: failed to close [" + path + "], ERROR(9): Bad file descriptor\n");
+    say(101, "in the same file");
+    EXPECT_EQ(file_text(path), "(NRM)  in the same file\n");
+}
+
+TEST_F(rotation, leaves_pipes_alone)
 {
     CaptureStderr();
-    ASSERT_EQ(log_popen(&g_log, ("cat >" + path).c_str()), 0);
-    EXPECT_EQ(log_rotate(&g_log), -1);
+    ASSERT_EQ(log_popen(&g_log, ("cat >" + path).c_str()), LOG_OK);
+    EXPECT_EQ(log_rotate(&g_log), LOG_FAILED);
     say(100, "piped");
     log_close(&g_log);
     EXPECT_EQ(file_text(path), "(NRM)  piped\n");
     EXPECT_EQ(GetCapturedStderr(), "log_rotate: not supported for pipe-based streams.\n");
+}
+
+TEST(old_files, are_moved_aside)
+{
+    const temp_dir dir;
     const std::string name(116 - dir.path().size(), 'x');
-    EXPECT_EQ(move_if_present(dir.file(name + "x", "text").c_str()), 7);
-    EXPECT_EQ(move_if_present(dir.file(name, "text").c_str()), 0); // to one of 127 characters
-    EXPECT_EQ(move_if_present(dir.file("empty", "").c_str()), 0);
-    EXPECT_TRUE(fs::exists(dir.path("empty")) && !fs::exists(dir.path(name)));
+    EXPECT_EQ(move_if_present(dir.file(name + "x", "text").c_str()), LOG_NAME_TOO_LONG);
+    EXPECT_EQ(move_if_present(dir.file(name, "text").c_str()), LOG_OK); // 127 characters
+    EXPECT_FALSE(fs::exists(dir.path(name)));
+    EXPECT_EQ(move_if_present(dir.file("empty", "").c_str()), LOG_OK);
+    EXPECT_TRUE(fs::exists(dir.path("empty")));
+    EXPECT_EQ(move_if_present(dir.path("missing").c_str()), LOG_OK);
 }
