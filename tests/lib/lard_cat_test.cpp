@@ -1,0 +1,71 @@
+// The reader of rings among the examples, as a program.
+
+#include "support/process.h"
+
+#include <libtarnlink/lard.h>
+
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+struct lard_cat : testing::Test {
+    ~lard_cat() override
+    {
+        const lard_t ring = lard_open(name.c_str());
+        if (ring != nullptr)
+            lard_destroy(ring);
+    }
+    // What it says of a ring whose writer, a process of its own unless it is to live, ends so.
+    void shows(void (*end)(lard_t), const std::string &state) const
+    {
+        const pid_t writer = end != nullptr ? fork() : 0;
+        lard_t ring = nullptr;
+        if (writer == 0) {
+            ring = lard_create(name.c_str(), 1);
+            lard_puts(ring, "last words\n");
+            lard_set_temp(ring, 3);
+            if (end != nullptr) {
+                end(ring);
+                _exit(0);
+            }
+        } else {
+            waitpid(writer, nullptr, 0);
+        }
+        const run_result result = run_process({LARD_CAT_PROGRAM, name});
+        EXPECT_EQ(result.status, 0);
+        EXPECT_EQ(result.out, "last words\n");
+        EXPECT_EQ(result.err, "lard_cat: writer " +
+                                  std::to_string(writer == 0 ? getpid() : writer) + ": " + state +
+                                  ", temperature 3\n");
+        if (ring != nullptr)
+            lard_close(ring);
+    }
+
+    std::string name = "lard_cat_test." + std::to_string(getpid());
+};
+
+} // namespace
+
+TEST_F(lard_cat, shows_a_live_writers_ring) { shows(nullptr, "alive"); }
+
+TEST_F(lard_cat, shows_a_closed_ring) { shows(lard_close, "closed"); }
+
+TEST_F(lard_cat, shows_a_crashed_writers_ring)
+{
+    shows([](lard_t) { raise(SIGKILL); }, "crashed");
+}
+
+TEST_F(lard_cat, says_what_is_missing)
+{
+    const run_result nothing = run_process({LARD_CAT_PROGRAM, name});
+    EXPECT_EQ(nothing.status, 1);
+    EXPECT_EQ(nothing.out, "");
+    EXPECT_NE(nothing.err.find("lard_cat: no shared-memory log [" + name + "] to read\n"),
+              std::string::npos);
+    const run_result usage = run_process({LARD_CAT_PROGRAM});
+    EXPECT_EQ(usage.status, 1);
+    EXPECT_EQ(usage.err, "usage: lard_cat NAME\n");
+}
