@@ -11,23 +11,23 @@ namespace {
 
 struct level_names {
     int level;
+    int priority;
     const char *tag;
     const char *name;
     const char *words[2]; // what match_log_level accepts
-    int priority;
 };
 
 constexpr level_names LEVELS[] = {
-    {PANIC_level, "(PNC)", "panic", {}, LOG_ALERT},
-    {ERR_level, "(ERR)", "error", {"err", "error"}, LOG_ERR},
-    {CRIT_level, "(CRI)", "ctitical", {"crit", "critical"}, LOG_CRIT}, // readers know the spelling
-    {WARN_level, "(WRN)", "warning", {"warn", "warning"}, LOG_WARNING},
-    {NORM_level, "(NRM)", "normal", {"norm", "normal"}, LOG_NOTICE},
-    {INFO_level, "(INF)", "info", {"info"}, LOG_INFO},
-    {DEBUG_level, "(DBG)", "debug", {"debug", "dbg"}, LOG_DEBUG},
-    {SECTION_level, "(SCT)", "section", {"section", "sect"}, LOG_DEBUG},
+    {PANIC_level, LOG_ALERT, "(PNC)", "panic", {}},
+    {ERR_level, LOG_ERR, "(ERR)", "error", {"err", "error"}},
+    {CRIT_level, LOG_CRIT, "(CRI)", "ctitical", {"crit", "critical"}}, // readers know the spelling
+    {WARN_level, LOG_WARNING, "(WRN)", "warning", {"warn", "warning"}},
+    {NORM_level, LOG_NOTICE, "(NRM)", "normal", {"norm", "normal"}},
+    {INFO_level, LOG_INFO, "(INF)", "info", {"info"}},
+    {DEBUG_level, LOG_DEBUG, "(DBG)", "debug", {"debug", "dbg"}},
+    {SECTION_level, LOG_DEBUG, "(SCT)", "section", {"section", "sect"}},
 };
-constexpr level_names UNKNOWN{0, "( ? )", "??", {}, LOG_DEBUG};
+constexpr level_names UNKNOWN{0, LOG_DEBUG, "( ? )", "??", {}};
 
 const level_names &names_of(int level)
 {

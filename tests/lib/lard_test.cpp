@@ -39,7 +39,7 @@ struct lard : testing::Test {
         const int fd = memfd_create("snapshot", 0);
         EXPECT_GE(lard_snapshot(reader, fd), 0);
         lard_close(reader);
-        const std::string read = file_text("/proc/self/fd/" + std::to_string(fd));
+        std::string read = file_text("/proc/self/fd/" + std::to_string(fd));
         close(fd);
         return read;
     }
@@ -241,6 +241,7 @@ TEST_F(lard, reader_survives_objects_that_shrink)
     const lard_t ring = create();
     lard_puts(ring, "text");
     record().pld_start = 2; // a text that may begin with a zero byte
+    lard_close(ring);
     const lard_t reader = open();
     ASSERT_EQ(truncate(data.c_str(), 0), 0);
     EXPECT_EQ(lard_snapshot(reader, STDOUT_FILENO), LARD_FAILED);
