@@ -213,21 +213,23 @@ __attribute__((cold)) void recover(FILE *fp, line_loss *loss, const char *text, 
     if (done == len)
         return;
     ++loss->count;
-    loss->is_cut = loss->is_cut || done > 0;
+    loss->is_cut = done > 0;
 }
 
-// Ends the piece of a lost line that the stream ends with.
-__attribute__((cold)) void end_cut_line(FILE *fp, line_loss *loss)
+// Ends the piece of a lost line that the stream ends with. False when that fails as well.
+__attribute__((cold)) bool end_cut_line(FILE *fp, line_loss *loss)
 {
-    if (write_rest(fp, "\n", 1, 0) == 1)
-        loss->is_cut = false;
+    loss->is_cut = write_rest(fp, "\n", 1, 0) == 0;
+    return !loss->is_cut;
 }
 
 // Writes the buffer, up to its terminating zero.
 void put_line(FILE *fp, line_loss *loss)
 {
-    if (loss->is_cut)
-        end_cut_line(fp, loss);
+    if (loss->is_cut && !end_cut_line(fp, loss)) {
+        ++loss->count;
+        return;
+    }
     const size_t len = strlen(g_outbuf);
     const size_t done = fwrite(g_outbuf, 1, len, fp);
     if (done != len || ferror_unlocked(fp) != 0)
