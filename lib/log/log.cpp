@@ -37,6 +37,7 @@ constexpr int MAX_TRIES = 100;               // of a write that signals keep int
 char g_outbuf[LOG_OUTBUF_SZ];
 size_t g_outlen;                     // its length
 volatile sig_atomic_t g_is_underway; // it is neither written nor given up yet
+volatile sig_atomic_t g_is_written;  // the C library is writing it
 
 // ---- Making a line, piece by piece
 
@@ -223,17 +224,39 @@ __attribute__((cold)) bool end_cut_line(FILE *fp, line_loss *loss)
     return !loss->is_cut;
 }
 
+// Writes the line of a signal handler that has interrupted the writing of another one: past the C
+// library, which is in the middle of something.
+__attribute__((cold)) void put_line_directly(FILE *fp, line_loss *loss)
+{
+    const size_t len = strlen(g_outbuf);
+    size_t done = 0;
+    for (int i = 0; i < MAX_TRIES && done < len; ++i) {
+        const ssize_t n = write(fileno(fp), g_outbuf + done, len - done);
+        if (n < 0 && errno != EINTR)
+            break;
+        done += static_cast<size_t>(std::max<ssize_t>(n, 0));
+    }
+    if (done != len)
+        ++loss->count;
+}
+
 // Writes the buffer, up to its terminating zero.
 void put_line(FILE *fp, line_loss *loss)
 {
-    if (loss->is_cut && !end_cut_line(fp, loss)) {
-        ++loss->count;
+    if (g_is_written != 0) {
+        put_line_directly(fp, loss);
         return;
     }
-    const size_t len = strlen(g_outbuf);
-    const size_t done = fwrite(g_outbuf, 1, len, fp);
-    if (done != len || ferror_unlocked(fp) != 0)
-        recover(fp, loss, g_outbuf, len, done);
+    g_is_written = 1;
+    if (!loss->is_cut || end_cut_line(fp, loss)) {
+        const size_t len = strlen(g_outbuf);
+        const size_t done = fwrite(g_outbuf, 1, len, fp);
+        if (done != len || ferror_unlocked(fp) != 0)
+            recover(fp, loss, g_outbuf, len, done);
+    } else {
+        ++loss->count;
+    }
+    g_is_written = 0;
 }
 
 // ---- Statements

@@ -167,6 +167,24 @@ TEST_F(logger, a_handlers_statements_leave_the_outer_line_whole)
     signal(SIGUSR1, SIG_DFL);
 }
 
+// The stream is buffered, and the handler comes in the middle of its work.
+TEST_F(logger, a_handlers_statements_leave_the_outer_lines_stream_whole)
+{
+    static unsigned outer, inner;
+    ASSERT_EQ(log_popen(&g_log, ("cat >" + dir.path("log")).c_str()), LOG_OK);
+    do_interrupted([] { LOG_STMT(NORM_level, "outer %u\n", ++outer); },
+                   [] { LOG_STMT(NORM_level, "inner %u\n", ++inner); });
+    log_close(&g_log);
+    unsigned next_outer = 1, next_inner = 1;
+    for (const std::string &line : split_lines(file_text(dir.path("log"))))
+        if (line == "(NRM)  outer " + std::to_string(next_outer))
+            ++next_outer;
+        else
+            ASSERT_EQ(line, "(NRM)  inner " + std::to_string(next_inner++)) << next_outer;
+    EXPECT_EQ(next_outer - 1, outer);
+    EXPECT_EQ(next_inner - 1, inner);
+}
+
 TEST_F(logger, writes_lines_whole_or_counts_them)
 {
     const struct {
