@@ -13,6 +13,11 @@ static size_t g_allocations;
     ++g_allocations;
     return malloc(size);
 }
+[[gnu::noinline]] void *operator new(size_t size, const std::nothrow_t & /*tag*/) noexcept
+{
+    ++g_allocations;
+    return malloc(size);
+}
 [[gnu::noinline]] void operator delete(void *p) noexcept { free(p); }
 [[gnu::noinline]] void operator delete(void *p, size_t) noexcept { free(p); }
 

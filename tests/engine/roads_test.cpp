@@ -115,7 +115,10 @@ void add_any(journey *j)
     case 7:
         return j->c.pcr(pid, j->clock += 90 * j->any(60));
     case 8:
-        return j->c.packet(pid, {.adaptation = 180 + j->any(8)});
+        return j->c.packet(pid, {.discontinuity = j->one_in(2),
+                                 .damaged = j->one_in(4),
+                                 .scrambled = j->one_in(4),
+                                 .adaptation = 180 + j->any(8)});
     case 9:
         return j->one_in(2) ? j->c.set_cc(pid, 0) : j->c.skip_cc(pid, 1 + j->any(3));
     case 10: // once more; not an emptied PAT, whose repetition ends the process
@@ -138,6 +141,7 @@ tsan_config any_settings(journey *j)
     tsan_config cfg = every_check();
     for (bool *flag : {&cfg.is_enabled, &cfg.cc_track})
         *flag = !j->one_in(8);
+    cfg.iso_rules = j->one_in(2);
     for (bool *flag : {&cfg.trk.sdt_ignore, &cfg.trk.misc_ignore, &cfg.trk.pdts_update,
                        &cfg.trk.pat_pmt_pkt, &cfg.trk.pcr_update, &cfg.trk.cc_track,
                        &cfg.trk.pmt_diff, &cfg.trk.pat_diff, &cfg.no_rlog})

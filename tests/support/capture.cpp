@@ -35,7 +35,10 @@ octets make_section(unsigned table_id, unsigned extension, const pat_fields &fie
     octets out;
     put(&out, table_id << 16 | 0xb000 | (5 + body.size() + 4), 3);
     put(&out, extension, 2);
-    put(&out, (0xc1 | fields.version << 1) << 16 | fields.section << 8 | fields.last_section, 3);
+    put(&out,
+        (0xc0 | fields.version << 1 | (fields.is_current ? 1U : 0U)) << 16 | fields.section << 8 |
+            fields.last_section,
+        3);
     append(&out, body);
     put(&out, 0, 4);
     psi_set_crc(out.data());
@@ -61,7 +64,8 @@ octets make_pmt_section(const pmt_fields &fields)
         put(&body, entry.type << 16 | 0xe000 | entry.pid, 3);
         put_block(&body, entry.descriptors);
     }
-    return make_section(2, fields.program, {.version = fields.version}, body);
+    return make_section(2, fields.program,
+                        {.version = fields.version, .is_current = fields.is_current}, body);
 }
 
 octets pes_header(const pes_fields &fields)
@@ -82,16 +86,19 @@ void capture_builder::packet(unsigned pid, const packet_fields &fields)
     std::optional<unsigned> length = fields.adaptation;
     if (!length && !fields.has_payload)
         length = 183;
+    if (fields.discontinuity)
+        length = std::max(length.value_or(0), 1U);
     if (fields.pcr)
         length = std::max(length.value_or(0), 7U);
     const unsigned cc = fields.has_payload ? 0x10 | (m_cc[pid]++ & 15) : (m_cc[pid] - 1) & 15;
-    const unsigned start = fields.unit_start ? 0x400000 : 0;
+    const unsigned marks = (fields.unit_start ? 0x400000U : 0U) |
+                           (fields.damaged ? 0x800000U : 0U) | (fields.scrambled ? 0x80U : 0U);
     octets pkt;
-    put(&pkt, 0x47000000 | start | pid << 8 | (length ? 0x20U : 0U) | cc, 4);
+    put(&pkt, 0x47000000 | marks | pid << 8 | (length ? 0x20U : 0U) | cc, 4);
     if (length) {
         put(&pkt, *length, 1);
         if (*length > 0)
-            put(&pkt, fields.pcr ? 0x10 : 0, 1);
+            put(&pkt, (fields.pcr ? 0x10U : 0U) | (fields.discontinuity ? 0x80U : 0U), 1);
         if (fields.pcr)
             put(&pkt, *fields.pcr << 15 | 0x7e00, 6);
         pkt.resize(std::max<size_t>(pkt.size(), 5 + *length), 0xff);

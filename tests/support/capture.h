@@ -25,6 +25,7 @@ struct pat_entry {
 
 struct pat_fields {
     unsigned version = 0, section = 0, last_section = 0;
+    bool is_current = true; // current_next_indicator
 };
 
 struct es_entry {
@@ -34,6 +35,7 @@ struct es_entry {
 
 struct pmt_fields {
     unsigned program = 1, pcr_pid = 0x1fff, version = 0;
+    bool is_current = true;
     octets descriptors{};
     std::vector<es_entry> streams{};
 };
@@ -41,6 +43,7 @@ struct pmt_fields {
 // Clock values are ticks of 90 kHz.
 struct packet_fields {
     bool unit_start = false, has_payload = true;
+    bool discontinuity = false, damaged = false, scrambled = false;
     std::optional<uint64_t> pcr{};
     std::optional<unsigned> adaptation{}; // adaptation_field_length, also one past the packet
     octets payload{};                     // filled up with 0xff
