@@ -16,7 +16,8 @@ int load_config_setting_str(const config_setting_t *setting, const char *key, ch
                             size_t size, const char *default_text)
 {
     const char *text = nullptr;
-    if (config_setting_lookup_string(setting, key, &text) == CONFIG_TRUE) {
+    // Short of memory, the settings library hands out strings that are none.
+    if (config_setting_lookup_string(setting, key, &text) == CONFIG_TRUE && text != nullptr) {
         const size_t len = strlen(text);
         if (len >= size) {
             LOG_STMT(ERR_level, "%s: %s value is too long (%ld), max = %ld characters.\n", __func__,

@@ -2,8 +2,6 @@
 
 #include <libtarnlink/log.h>
 
-#include <algorithm>
-
 namespace {
 
 // No guard against an empty aggregate: its average prints as the platform's NaN.
@@ -13,24 +11,6 @@ double average(uint64_t total, uint64_t count)
 }
 
 } // namespace
-
-void inc_aval(aggr_val *av, uint64_t val)
-{
-    if (av->g_count == 0) {
-        av->min = av->max = av->g_min = av->g_max = val;
-    } else if (av->count == 0) {
-        av->min = av->max = val; // the run's extremes follow with the next value, intended
-    } else {
-        av->min = std::min(av->min, val);
-        av->max = std::max(av->max, val);
-        av->g_min = std::min(av->g_min, av->min);
-        av->g_max = std::max(av->g_max, av->max);
-    }
-    av->count += 1;
-    av->total += val;
-    av->g_count += 1;
-    av->g_total += val;
-}
 
 void reset_aval(aggr_val *av) { av->count = av->total = av->min = av->max = 0; }
 

@@ -1,6 +1,7 @@
 // Running aggregates: count, sum, extremes, of the current period and of the whole run.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 
@@ -17,7 +18,23 @@ struct aggr_val {
 
 // Adds one value. The first value of a later period reaches the run's extremes only with the next
 // value of that period; reports rely on it.
-void inc_aval(aggr_val *av, uint64_t val);
+inline void inc_aval(aggr_val *av, uint64_t val)
+{
+    if (av->g_count == 0) {
+        av->min = av->max = av->g_min = av->g_max = val;
+    } else if (av->count == 0) {
+        av->min = av->max = val; // the run's extremes follow with the next value, intended
+    } else {
+        av->min = std::min(av->min, val);
+        av->max = std::max(av->max, val);
+        av->g_min = std::min(av->g_min, av->min);
+        av->g_max = std::max(av->g_max, av->max);
+    }
+    av->count += 1;
+    av->total += val;
+    av->g_count += 1;
+    av->g_total += val;
+}
 
 // Begins a new period.
 void reset_aval(aggr_val *av);

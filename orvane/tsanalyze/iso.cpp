@@ -123,24 +123,18 @@ void take_clock(tsan_ctx *tc)
     store_pcr(tc, pcr);
 }
 
-// Checks what is fresh, once.
-void check_stamps_once(tsan_ctx *tc, stream_info *si)
-{
-    const program_info *pg = prog(tc);
-    const bool with_pcr = tc->cfg.max_pcr_delta != 0 && pg->got_pcr && !pg->awaits_base;
-    const stream_info *ref =
-        tc->cfg.max_pdts_delta != 0 && pg->ref_idx >= 0 ? &pg->stm[pg->ref_idx] : nullptr;
-    if (si->pts_updated && with_pcr)
-        ck_pcr(tc, true, si);
-    if (si->dts_updated && with_pcr)
-        ck_pcr(tc, false, si);
-    if (si->pts_updated && ref != nullptr && ref->pts_pktnum != 0 && ref->pts_base == si->pts_base)
-        ck_tstamp(tc, true, ref, si);
-    if (si->dts_updated && ref != nullptr && ref->dts_pktnum != 0 && ref->dts_base == si->dts_base)
-        ck_tstamp(tc, false, ref, si);
-}
-
 // ---- Users of a PID
+
+// Takes the time stamps of a PES header, each with the time base it belongs to.
+void take_stamps(tsan_ctx *tc)
+{
+    stream_info *si = tc->dat->stream;
+    take_pes_header(tc);
+    if (si->pts_pktnum == tc->last_pkt_idx)
+        si->pts_base = prog(tc)->time_base;
+    if (si->dts_pktnum == tc->last_pkt_idx)
+        si->dts_base = prog(tc)->time_base;
+}
 
 // A repetition carries nothing new, and a scrambled packet nothing to be read.
 void keep_account(tsan_ctx *tc, bool is_repetition)
@@ -151,7 +145,7 @@ void keep_account(tsan_ctx *tc, bool is_repetition)
         take_clock(tc);
     if (tc->dat->stream != nullptr && hdr_is_unit_start(tc->header) &&
         !hdr_is_scrambled(tc->header))
-        take_pes_header(tc);
+        take_stamps(tc);
 }
 
 // Everything about the packet for one of its users but its counter, which is the PID's and judged
@@ -227,13 +221,13 @@ bool take_by_standard(tsan_ctx *tc)
     const bool is_scrambled = hdr_is_scrambled(tc->header);
     if (is_scrambled)
         ++tc->iso->scrambled[pid];
-    if (dat.is_pat || dat.is_pmt) {
+    if (&dat == &tc->dat_sdt) {
+        take_sdt(tc);
+    } else if (dat.is_pat || dat.is_pmt) {
         if (!is_scrambled)
             dat.is_pat ? take_pat_by_standard(tc) : take_pmt_by_standard(tc);
     } else if (dat.program != nullptr) {
         return take_for_users(tc);
-    } else if (pid == SDT_PID_NUMBER) {
-        take_sdt(tc);
     } else if (tc->cfg.trk.misc_ignore) {
         trace_ignored(tc);
     }

@@ -47,7 +47,7 @@ bool pes_has_DTS(std::span<const uint8_t> pes)
 }
 
 // The 33 bits of a time stamp, spread over five bytes with marker bits.
-uint64_t stamp_at(std::span<const uint8_t> pes, size_t at)
+inline uint64_t stamp_at(std::span<const uint8_t> pes, size_t at)
 {
     return (pes[at] & 0x0Eull) << 29 | uint64_t{pes[at + 1]} << 22 | (pes[at + 2] & 0xFEull) << 14 |
            uint64_t{pes[at + 3]} << 7 | uint64_t{pes[at + 4]} >> 1;
@@ -66,7 +66,6 @@ void update_pts_dts(tsan_ctx *tc, std::span<const uint8_t> pes, stream_info *si)
         si->pts_updated = pts != si->last_pts;
         si->last_pts = pts;
         si->pts_pktnum = tc->last_pkt_idx;
-        si->pts_base = prog(tc)->time_base;
         if (traces_stamps(tc, si->pts_updated))
             LOG_STMT(INFO_level, "%s: [%s] PTS=%lu [%s] pid=%u at %s\n", __func__, tc->cfg.source,
                      pts, ticks_timestr(pts).text, si->pid, tag_text(tc).text);
@@ -76,7 +75,6 @@ void update_pts_dts(tsan_ctx *tc, std::span<const uint8_t> pes, stream_info *si)
         si->dts_updated = dts != si->last_dts;
         si->last_dts = dts;
         si->dts_pktnum = tc->last_pkt_idx;
-        si->dts_base = prog(tc)->time_base;
         if (traces_stamps(tc, si->dts_updated))
             LOG_STMT(INFO_level, "%s: [%s] DTS=%lu [%s] pid=%u at %s\n", __func__, tc->cfg.source,
                      dts, ticks_timestr(dts).text, si->pid, tag_text(tc).text);
@@ -108,7 +106,7 @@ void take_pat(tsan_ctx *tc)
 {
     trace_table(tc);
     const auto section = ts_section_bytes(tc->header, tc->pkt);
-    if (!holds_header(tc, section, PAT_HEADER_LEN))
+    if (!holds_header(tc, section, PAT_HEADER_LEN) || tc->quiet_pat.matches(section))
         return;
     if (tc->nprogs != 0) {
         another_PAT(tc, section);
@@ -136,7 +134,7 @@ void take_pmt(tsan_ctx *tc)
 {
     trace_table(tc);
     const auto section = ts_section_bytes(tc->header, tc->pkt);
-    if (holds_header(tc, section, PMT_HEADER_LEN))
+    if (holds_header(tc, section, PMT_HEADER_LEN) && !prog(tc)->quiet_pmt.matches(section))
         track_PMT(tc, section);
 }
 

@@ -40,10 +40,6 @@ inline bool pkt_has_pcr(const tsan_ctx *tc)
 inline int upsert_pkt_info(tsan_ctx *tc)
 {
     const dgram_info &dat = *tc->dat;
-    if (hdr_pid(tc->header) == SDT_PID_NUMBER) [[unlikely]] {
-        take_sdt(tc);
-        return -1; // not processed further, even if a PMT lists the PID
-    }
     if (dat.stream != nullptr) [[likely]] {
         if (pkt_has_pcr(tc)) [[unlikely]]
             take_pcr(tc);
@@ -53,6 +49,8 @@ inline int upsert_pkt_info(tsan_ctx *tc)
     }
     if (dat.is_pat)
         take_pat(tc);
+    else if (&dat == &tc->dat_sdt)
+        take_sdt(tc); // not processed further, even if a PMT lists the PID
     else if (dat.is_pmt)
         take_pmt(tc);
     else if (tc->cfg.trk.misc_ignore) [[unlikely]]

@@ -159,8 +159,6 @@ void process_PAT(tsan_ctx *tc, std::span<const uint8_t> bytes)
 
 void another_PAT(tsan_ctx *tc, std::span<const uint8_t> bytes)
 {
-    if (tc->quiet_pat.matches(bytes))
-        return;
     tc->quiet_pat.forget();
     const psi_section pld(bytes);
     if (tc->new_pat == nullptr)

@@ -73,8 +73,11 @@ ssize_t find_pid(const uint32_t *pids, size_t count, uint32_t pid)
 void rebuild_pid_slots(tsan_ctx *tc)
 {
     std::fill_n(tc->dat_of, PID_COUNT, &tc->dat_none);
-    tc->dat_of[SDT_PID_NUMBER] = &tc->dat_sdt;
     enter_streams(tc);
     enter_pmts(tc);
     tc->dat_of[PAT_PID_NUMBER] = &tc->dat_pat;
+    // The SDT is not processed, whoever lists its PID; its tag tells who does.
+    tc->dat_sdt = *tc->dat_of[SDT_PID_NUMBER];
+    tc->dat_sdt.stream = nullptr;
+    tc->dat_of[SDT_PID_NUMBER] = &tc->dat_sdt;
 }

@@ -68,14 +68,47 @@ void dump_time_info(tsan_ctx *tc, const char *alert, bool is_pts, uint64_t delta
                    r, si->pid, s, delta, tag.text);
 }
 
-} // namespace
-
-uint32_t distance_ms(const tsan_ctx *tc, uint64_t a, uint64_t b)
+// See distance_ms; here, so that it is part of its callers.
+uint32_t clock_distance(const tsan_ctx *tc, uint64_t a, uint64_t b)
 {
     if (tc->iso == nullptr)
         return pcr_delta_ms(std::min(a, b), std::max(a, b));
     const uint64_t forward = (a - b) % P2_33;
     return static_cast<uint32_t>(std::min(forward, P2_33 - forward) / 90);
+}
+
+// Checks a stream's last PTS (or DTS) against the programme's last PCR.
+void ck_pcr(tsan_ctx *tc, bool is_pts, const stream_info *si)
+{
+    program_info *pg = prog(tc);
+    const uint32_t delta = clock_distance(tc, stamp_of(si, is_pts), pg->last_pcr);
+    inc_aval(&pg->av_pcr_delta, delta);
+    if (delta > tc->cfg.max_pcr_delta)
+        dump_pcr_diff(tc, is_pts, delta, si);
+}
+
+// Checks a stream's last PTS (or DTS) against that of the reference stream.
+void ck_tstamp(tsan_ctx *tc, bool is_pts, const stream_info *ref, const stream_info *si)
+{
+    program_info *pg = prog(tc);
+    const uint64_t r = stamp_of(ref, is_pts);
+    const uint64_t s = stamp_of(si, is_pts);
+    const uint32_t delta = clock_distance(tc, r, s);
+    inc_aval(&pg->av_pdts_delta, delta);
+    if (delta == 0 && r != s) {
+        dump_time_info(tc, "AV-DELTA0", is_pts, delta, ref, si);
+        ++pg->alert.av_delta0;
+    } else if (delta > tc->cfg.max_pdts_delta) {
+        dump_time_info(tc, "AV-DELTA+", is_pts, delta, ref, si);
+        ++pg->alert.av_deltaplus;
+    }
+}
+
+} // namespace
+
+uint32_t distance_ms(const tsan_ctx *tc, uint64_t a, uint64_t b)
+{
+    return clock_distance(tc, a, b);
 }
 
 void alert_pcr_freq(tsan_ctx *tc, uint64_t pcr, uint64_t delta)
@@ -89,31 +122,6 @@ void alert_pcr_freq(tsan_ctx *tc, uint64_t pcr, uint64_t delta)
         log_access("ALERT PCR-FREQ %s %u %lu %lu %lu [%s]\n", tc->cfg.source, pg->pcr_pid,
                    pg->last_pcr, pcr, delta, tag_text(tc).text);
     ++pg->alert.pcr_freq;
-}
-
-void ck_pcr(tsan_ctx *tc, bool is_pts, const stream_info *si)
-{
-    program_info *pg = prog(tc);
-    const uint32_t delta = distance_ms(tc, stamp_of(si, is_pts), pg->last_pcr);
-    inc_aval(&pg->av_pcr_delta, delta);
-    if (delta > tc->cfg.max_pcr_delta)
-        dump_pcr_diff(tc, is_pts, delta, si);
-}
-
-void ck_tstamp(tsan_ctx *tc, bool is_pts, const stream_info *ref, const stream_info *si)
-{
-    program_info *pg = prog(tc);
-    const uint64_t r = stamp_of(ref, is_pts);
-    const uint64_t s = stamp_of(si, is_pts);
-    const uint32_t delta = distance_ms(tc, r, s);
-    inc_aval(&pg->av_pdts_delta, delta);
-    if (delta == 0 && r != s) {
-        dump_time_info(tc, "AV-DELTA0", is_pts, delta, ref, si);
-        ++pg->alert.av_delta0;
-    } else if (delta > tc->cfg.max_pdts_delta) {
-        dump_time_info(tc, "AV-DELTA+", is_pts, delta, ref, si);
-        ++pg->alert.av_deltaplus;
-    }
 }
 
 void pcr_freq_check(tsan_ctx *tc, uint64_t pcr)
@@ -146,4 +154,20 @@ void check_stamps(tsan_ctx *tc, stream_info *si)
         ck_tstamp(tc, false, ref, si);
         si->dts_updated = false;
     }
+}
+
+void check_stamps_once(tsan_ctx *tc, const stream_info *si)
+{
+    const program_info *pg = prog(tc);
+    const bool with_pcr = tc->cfg.max_pcr_delta != 0 && pg->got_pcr && !pg->awaits_base;
+    const stream_info *ref =
+        tc->cfg.max_pdts_delta != 0 && pg->ref_idx >= 0 ? &pg->stm[pg->ref_idx] : nullptr;
+    if (si->pts_updated && with_pcr)
+        ck_pcr(tc, true, si);
+    if (si->dts_updated && with_pcr)
+        ck_pcr(tc, false, si);
+    if (si->pts_updated && ref != nullptr && ref->pts_pktnum != 0 && ref->pts_base == si->pts_base)
+        ck_tstamp(tc, true, ref, si);
+    if (si->dts_updated && ref != nullptr && ref->dts_pktnum != 0 && ref->dts_base == si->dts_base)
+        ck_tstamp(tc, false, ref, si);
 }
