@@ -1,0 +1,114 @@
+// orvreport: a verdict, a record and a picture of runs, from the machine lines alone.
+
+#include "report/analyse.h"
+#include "report/junit.h"
+#include "report/logs.h"
+#include "report/merge.h"
+#include "report/options.h"
+#include "report/page.h"
+#include "report/run.h"
+
+#include <csignal>
+#include <string>
+
+namespace {
+
+void handle_interrupt(int /*signo*/) { g_interrupted = g_interrupted + 1; }
+
+void setup_signals()
+{
+    struct sigaction action {};
+    action.sa_handler = handle_interrupt; // waiting is interrupted, not begun again
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+    signal(SIGPIPE, SIG_IGN); // a reader that leaves is a failed output
+}
+
+struct outputs {
+    output_file junit, html;
+};
+
+// An output that cannot be written spoils nothing else.
+void open_outputs(const report_options &options, report_run *run, outputs *out)
+{
+    const auto open = [run](output_file *file, const std::string &path) {
+        if (!path.empty() && !open_output(file, path))
+            raise_status(run, STATUS_USAGE);
+    };
+    open(&run->json, options.json);
+    open(&out->junit, options.junit);
+    open(&out->html, options.html);
+    run->wants_bins = is_open(out->html);
+}
+
+void finish_outputs(report_run *run, outputs *out)
+{
+    write_junit(&out->junit, *run);
+    write_page(&out->html, *run);
+    for (output_file *file : {&run->json, &out->junit, &out->html})
+        if (!finish_output(file))
+            raise_status(run, STATUS_USAGE);
+}
+
+const char *status_word(int status)
+{
+    constexpr const char *WORDS[] = {"within limits", "limits exceeded",    "output not written",
+                                     "not readable",  "nothing to analyse", "cut short"};
+    return WORDS[status];
+}
+
+// A line for each capture and one for all.
+void print_verdict(const report_run &run, FILE *out)
+{
+    size_t count[STATUS_CUT_SHORT + 1]{};
+    for (const judged_capture &capture : run.captures) {
+        ++count[capture.verdict.status];
+        fprintf(out, "%s: %s\n", capture.tally.name.c_str(),
+                verdict_text(capture.tally, capture.verdict).c_str());
+    }
+    if (run.captures.size() < 2)
+        return;
+    fprintf(out, "%zu captures:", run.captures.size());
+    const char *separator = " ";
+    for (int status = 0; status <= STATUS_CUT_SHORT; ++status) {
+        if (count[status] == 0)
+            continue;
+        fprintf(out, "%s%zu %s", separator, count[status], status_word(status));
+        separator = ", ";
+    }
+    fputc('\n', out);
+}
+
+bool uses_standard_output(const report_options &options)
+{
+    return options.json == "-" || options.junit == "-" || options.html == "-";
+}
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    report_options options;
+    switch (parse_report_options(argc, argv, &options)) {
+    case options_result::done:
+        return STATUS_WITHIN;
+    case options_result::wrong:
+        return STATUS_USAGE;
+    case options_result::run:
+        break;
+    }
+    setup_signals();
+    report_run run;
+    run.limits = options.limits;
+    outputs out;
+    open_outputs(options, &run, &out);
+    for (const std::string &path : options.records)
+        read_records(&run, path);
+    for (const std::string &path : options.logs)
+        read_log(&run, path);
+    analyse_captures(&run, options.captures, {options.settings, options.jobs});
+    if (!options.is_quiet)
+        print_verdict(run, uses_standard_output(options) ? stderr : stdout);
+    finish_outputs(&run, &out);
+    return run.status;
+}

@@ -1,0 +1,150 @@
+#include "report/merge.h"
+
+#include "report/blocks.h"
+#include "report/record.h"
+
+#include <cstring>
+#include <fcntl.h>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <unistd.h>
+
+namespace {
+
+constexpr size_t RECORD_BYTES = 16 << 20; // of a record at most: a summary tells of every PID
+
+struct merged_capture {
+    judged_capture *capture = nullptr;
+    nlohmann::json summary; // null: none came
+};
+
+struct record_reading {
+    report_run *run = nullptr;
+    std::string path;
+    std::map<std::string, merged_capture> captures; // by their names in this file
+    std::vector<merged_capture *> order;
+    uint64_t number = 0;
+    uint64_t damaged = 0, first_damaged = 0;
+};
+
+merged_capture *capture_of(record_reading *in, const std::string &name)
+{
+    merged_capture &merged = in->captures[name];
+    if (merged.capture == nullptr) {
+        merged.capture = add_capture(in->run, name);
+        in->order.push_back(&merged);
+    }
+    return &merged;
+}
+
+bool take_alert(record_reading *in, const nlohmann::json &record, const std::string &name)
+{
+    recorded_alert recorded;
+    if (!read_alert(record, &recorded))
+        return false;
+    capture_tally &tally = capture_of(in, name)->capture->tally;
+    tally.source = recorded.line.source;
+    tally_alert(&tally, recorded.alert);
+    write_alert(&in->run->json, tally, recorded.alert);
+    return true;
+}
+
+bool take_summary(record_reading *in, nlohmann::json *record, const std::string &name)
+{
+    capture_tally trial;
+    std::vector<limit_result> limits;
+    if (!read_summary(*record, &trial, &limits))
+        return false;
+    capture_of(in, name)->summary = std::move(*record);
+    return true;
+}
+
+bool take_record(record_reading *in, std::string_view line)
+{
+    nlohmann::json record = nlohmann::json::parse(line, nullptr, false);
+    if (!record.is_object())
+        return false;
+    const auto word = [&record](const char *name) {
+        const auto found = record.find(name);
+        return found != record.end() && found->is_string() ? found->get<std::string>() : "";
+    };
+    const std::string kind = word("record");
+    const std::string name = word("capture");
+    if (name.empty())
+        return false;
+    return kind == "alert" ? take_alert(in, record, name)
+                           : kind == "summary" && take_summary(in, &record, name);
+}
+
+// A summary knows more than the alerts that came with it, which may be fewer.
+void close_merged(record_reading *in, merged_capture *merged)
+{
+    capture_tally &tally = merged->capture->tally;
+    std::vector<alert_limit> limits;
+    if (merged->summary.is_null()) {
+        tally.end = run_end::killed;
+        tally.reason = "its record has no end";
+    } else {
+        const uint64_t recorded = total_alerts(tally);
+        std::vector<limit_result> results;
+        read_summary(merged->summary, &tally, &results);
+        for (const limit_result &result : results)
+            limits.push_back(result.limit);
+        if (recorded != total_alerts(tally))
+            tell(tally.name, "has records of " + std::to_string(recorded) + " alerts out of " +
+                                 std::to_string(total_alerts(tally)));
+    }
+    close_capture(in->run, merged->capture, limits);
+}
+
+void take_lines(record_reading *in, line_blocks *blocks)
+{
+    text_line line;
+    while (next_line(blocks, &line)) {
+        ++in->number;
+        if (line.text.find_first_not_of(" \r") == line.text.npos)
+            continue;
+        if (!line.is_torn && take_record(in, line.text))
+            continue;
+        if (in->damaged++ == 0)
+            in->first_damaged = in->number;
+    }
+}
+
+void close_records(record_reading *in, int error)
+{
+    for (merged_capture *merged : in->order)
+        close_merged(in, merged);
+    if (in->damaged > 0) {
+        tell(in->path, "has " + std::to_string(in->damaged) +
+                           " lines that are no records, the first is line " +
+                           std::to_string(in->first_damaged));
+        raise_status(in->run, STATUS_UNREADABLE);
+    }
+    if (error == 0 && (!in->order.empty() || in->damaged > 0))
+        return;
+    judged_capture *capture = add_capture(in->run, in->path);
+    capture->tally.end = error != 0 ? run_end::unreadable : run_end::nothing;
+    capture->tally.reason =
+        error != 0 ? std::string("cannot be read: ") + strerror(error) : "no record in it";
+    close_capture(in->run, capture);
+}
+
+} // namespace
+
+void read_records(report_run *run, const std::string &path)
+{
+    record_reading in;
+    in.run = run;
+    in.path = path == "-" ? "/dev/stdin" : path;
+    const int fd = open(in.path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return close_records(&in, errno);
+    line_blocks blocks(RECORD_BYTES);
+    int rc = 0;
+    while (g_interrupted == 0 && (rc = fill_blocks(&blocks, fd)) > 0)
+        take_lines(&in, &blocks);
+    take_lines(&in, &blocks);
+    close(fd);
+    close_records(&in, rc < 0 ? -rc : 0);
+}
