@@ -29,8 +29,8 @@ struct axis {
 };
 
 struct lane_view {
-    lane_key key;
-    const alert_lane *lane;
+    lane_key key{};
+    const alert_lane *lane = nullptr;
     bin_series series;
     uint64_t count = 0; // alerts in the series
 };
@@ -100,13 +100,11 @@ void keep_largest(std::vector<lane_view> *views, size_t max)
 {
     if (views->size() <= max)
         return;
-    std::vector<uint64_t> counts;
-    for (const lane_view &view : *views)
-        counts.push_back(view.count);
-    std::nth_element(counts.begin(), counts.begin() + static_cast<ptrdiff_t>(max), counts.end(),
-                     std::greater<>());
-    const uint64_t least = counts[max];
-    std::erase_if(*views, [least](const lane_view &view) { return view.count <= least; });
+    const auto by_count = [](const lane_view &a, const lane_view &b) { return a.count > b.count; };
+    const auto by_key = [](const lane_view &a, const lane_view &b) { return a.key < b.key; };
+    std::stable_sort(views->begin(), views->end(), by_count);
+    views->resize(max);
+    std::sort(views->begin(), views->end(), by_key);
 }
 
 // From the beginning of the capture to its last alert, the same in all its charts.

@@ -116,9 +116,9 @@ void close_records(record_reading *in, int error)
     for (merged_capture *merged : in->order)
         close_merged(in, merged);
     if (in->damaged > 0) {
-        tell(in->path, "has " + std::to_string(in->damaged) +
-                           " lines that are no records, the first is line " +
-                           std::to_string(in->first_damaged));
+        tell(in->path, "has " + counted(in->damaged, "line") + " that " +
+                           (in->damaged == 1 ? "is no record" : "are no records") +
+                           ", the first is line " + std::to_string(in->first_damaged));
         raise_status(in->run, STATUS_UNREADABLE);
     }
     if (error == 0 && (!in->order.empty() || in->damaged > 0))

@@ -202,6 +202,8 @@ data programmes_of(const capture_tally &tally)
     data programmes(data::type::list);
     for (size_t i = 0; i < tally.programmes.size(); ++i) {
         const programme_record &programme = tally.programmes[i];
+        if (programme.tracks.empty() && !programme.has_counters)
+            continue; // a tag named it, no more is known
         data averages(data::type::list);
         averages.push_back(average_entry("PCR interval", programme.pcr_interval));
         averages.push_back(average_entry("Time stamp to PCR", programme.pcr_distance));
