@@ -522,18 +522,20 @@ bool fits(const line_layout &layout, std::string_view line)
     return (off & HIGH_BITS) == 0;
 }
 
-std::string_view moved(std::string_view piece, const line_layout &layout, std::string_view line)
+text_place place_of(std::string_view line, std::string_view piece)
 {
-    return {line.data() + (piece.data() - layout.line), piece.size()};
+    if (piece.empty())
+        return {};
+    return {static_cast<uint16_t>(piece.data() - line.data()), static_cast<uint16_t>(piece.size())};
 }
 
 // Takes the numbers of a line that fits; everything else is as it was.
 bool take_like(const line_layout &layout, std::string_view line, line_event *event)
 {
     *event = layout.event;
-    event->time = moved(layout.event.time, layout, line);
-    event->source = moved(layout.event.source, layout, line);
-    event->tag.text = moved(layout.event.tag.text, layout, line);
+    event->time = line.substr(layout.time.at, layout.time.len);
+    event->source = line.substr(layout.source.at, layout.source.len);
+    event->tag.text = line.substr(layout.tag.at, layout.tag.len);
     char *const base = reinterpret_cast<char *>(event);
     bool is_valid = true;
     for (const number_place &place : std::span(layout.places.data(), layout.nplaces)) {
@@ -566,8 +568,10 @@ void remember(line_parser *parser, std::string_view line, const parse_state &sta
     auto &set = layouts_for(parser, line);
     line_layout &layout = set.ways[set.next++ % set.ways.size()];
     layout.len = line.size();
-    layout.line = line.data();
     layout.event = *state.event;
+    layout.time = place_of(line, state.event->time);
+    layout.source = place_of(line, state.event->source);
+    layout.tag = place_of(line, state.event->tag.text);
     layout.places = state.places;
     layout.nplaces = state.nplaces;
     std::array<bool, MAX_LAYOUT_LEN> varies{};

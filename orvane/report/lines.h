@@ -116,15 +116,19 @@ struct number_place {
     uint16_t member; // offset in line_event
 };
 
+struct text_place {
+    uint16_t at = 0, len = 0;
+};
+
 // What a line looked like: the next of its kind mostly differs in digits alone.
 struct line_layout {
     size_t len = 0;                                   // 0: none
-    const char *line = nullptr;                       // what the event's texts pointed into
     std::array<uint64_t, MAX_LAYOUT_LEN / 8> words{}; // the characters, 0 for each digit
     std::array<uint64_t, MAX_LAYOUT_LEN / 8> slack{}; // how far each may be off
     std::array<number_place, MAX_LINE_FIELDS> places{};
     size_t nplaces = 0;
-    line_event event;
+    line_event event; // its texts stand elsewhere by now, at these places of their line
+    text_place time, source, tag;
 };
 
 // What the parser remembers: the latest layouts of lines by their length.
