@@ -159,18 +159,18 @@ uint64_t largest_bin(const std::vector<lane_view> &views)
     return largest;
 }
 
-// A bar's height tells its count on a logarithmic scale: one alert among thousands is seen.
+// A bar's height grows with the square root of its count: one alert among thousands is seen.
 data bars_of(const lane_view &view, const axis &x, double base, uint64_t largest, bool by_time)
 {
     data bars(data::type::list);
-    const double scale = std::log2(static_cast<double>(largest) + 1);
     for (size_t i = 0; i < view.series.bins.size(); ++i) {
         const bin &b = view.series.bins[i];
         if (b.count == 0)
             continue;
         const double from =
             static_cast<double>(view.series.first + static_cast<int64_t>(i)) * view.series.width;
-        const double height = 6 + (BAR - 6) * std::log2(static_cast<double>(b.count) + 1) / scale;
+        const double height =
+            4 + (BAR - 4) * std::sqrt(static_cast<double>(b.count) / static_cast<double>(largest));
         data bar;
         bar.set("x", place(x.at(from)));
         bar.set("y", place(base - height));

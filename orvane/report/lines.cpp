@@ -514,11 +514,15 @@ bool fits(const line_layout &layout, std::string_view line)
 {
     const uint64_t *words = layout.words.data();
     const uint64_t *slack = layout.slack.data();
+    const size_t last = words_of(line.size()) - 1;
     uint64_t off = 0;
-    for (size_t at = 0; at < line.size(); at += 8) {
-        const uint64_t difference = load8(line.data() + std::min(at, line.size() - 8)) ^ *words++;
-        off |= difference | (difference + *slack++);
-    }
+    const auto compare = [&](size_t i, const char *at) {
+        const uint64_t difference = load8(at) ^ words[i];
+        off |= difference | (difference + slack[i]);
+    };
+    for (size_t i = 0; i < last; ++i)
+        compare(i, line.data() + 8 * i);
+    compare(last, line.data() + line.size() - 8);
     return (off & HIGH_BITS) == 0;
 }
 
