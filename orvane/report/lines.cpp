@@ -541,13 +541,13 @@ bool take_like(const line_layout &layout, std::string_view line, line_event *eve
     event->source = line.substr(layout.source.at, layout.source.len);
     event->tag.text = line.substr(layout.tag.at, layout.tag.len);
     char *const base = reinterpret_cast<char *>(event);
-    bool is_valid = true;
+    uint64_t beyond = 0; // of what a PID can be
     for (const number_place &place : std::span(layout.places.data(), layout.nplaces)) {
         const uint64_t value = value_at(line.data() + place.at, place.len);
         memcpy(base + place.member, &value, sizeof value);
-        is_valid &= !place.is_pid || value <= MAX_PID;
+        beyond |= place.is_pid ? value & ~MAX_PID : 0;
     }
-    return is_valid;
+    return beyond == 0;
 }
 
 // Lines of one length share a set of layouts.
