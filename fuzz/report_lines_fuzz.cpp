@@ -72,7 +72,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     static const auto parser = std::make_unique<line_parser>();
     forget(parser.get());
     capture_tally tally;
-    tally.wants_bins = true;
+    tally.wants_time = tally.wants_bins = true;
     text_line line;
     for (size_t at = 0; !in.at_end;) {
         const std::span<char> room = blocks_room(&in);

@@ -17,6 +17,7 @@ judged_capture *add_capture(report_run *run, const std::string &name)
     capture.tally.name = free_name;
     capture.tally.file = name;
     capture.tally.wants_bins = run->wants_bins;
+    capture.tally.wants_time = run->wants_bins || is_open(run->json);
     return &capture;
 }
 

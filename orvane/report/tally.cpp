@@ -165,7 +165,7 @@ alert_record describe(capture_tally *tally, const line_event &event)
     alert_record alert{.line = &event};
     alert.programme = event.tag.programme;
     alert.stream = event.tag.stream;
-    if (event.tag.has_pcr && event.tag.programme >= 0)
+    if (tally->wants_time && event.tag.has_pcr && event.tag.programme >= 0)
         if (programme_record *programme =
                 programme_at(tally, static_cast<uint64_t>(event.tag.programme)))
             alert.stream_time_s = advance_clock(programme, event.tag.pcr_ticks);

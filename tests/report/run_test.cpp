@@ -1,5 +1,6 @@
 // orvreport as its users run it.
 
+#include "report/lines.h"
 #include "support/capture.h"
 #include "support/lines.h"
 #include "support/process.h"
@@ -403,7 +404,30 @@ TEST(orvreport, a_browser_shows_the_numbers_of_the_log)
     EXPECT_GT(dots, 4U);
 }
 
-// ---- Recipes of the manual
+// ---- The manual
+
+TEST(orvreport, the_manual_and_the_completion_know_every_option_and_kind)
+{
+    const std::string manual = file_text(ORVSCAN_ROOT "/docs/man/orvreport.1");
+    const std::string completion = file_text(ORVSCAN_ROOT "/completions/orvreport");
+    const std::string help = orvreport({"--help"}).out;
+    const std::regex option("--([a-z]+)");
+    size_t options = 0;
+    for (std::sregex_iterator at(help.begin(), help.end(), option), end; at != end; ++at) {
+        EXPECT_THAT(manual, HasSubstr("Fl -" + (*at)[1].str()));
+        EXPECT_THAT(completion, HasSubstr("--" + (*at)[1].str()));
+        ++options;
+    }
+    EXPECT_GE(options, 13U);
+    for (size_t i = 0; i < LINE_KINDS; ++i) {
+        const auto kind = static_cast<line_kind>(i);
+        const std::string name(info_of(kind).name);
+        EXPECT_THAT(manual, HasSubstr(".It " + name + " Ta "));
+        if (is_alert(kind)) {
+            EXPECT_THAT(completion, HasSubstr(name));
+        }
+    }
+}
 
 TEST(orvreport, gnu_parallel_and_merge_give_the_verdict_of_one_run)
 {
