@@ -1,7 +1,6 @@
 #include "report/lines.h"
 
 #include <algorithm>
-#include <bit>
 #include <cstring>
 
 namespace {
@@ -11,92 +10,13 @@ using enum field_type;
 constexpr size_t MAX_SOURCE_LEN = 63;
 constexpr uint64_t MAX_INDEX = 0x7fff;
 
-constexpr field_info CC_BRK[] = {{"pid", pid},
-                                 {"segment", number},
-                                 {"last_counter", number},
-                                 {"current_counter", number},
-                                 {nullptr, tag}};
-constexpr field_info CC_RST[] = {{"pid", pid},
-                                 {"segment", number},
-                                 {"last_counter", number},
-                                 {"current_counter", number},
-                                 {"since_ms", signed_number},
-                                 {nullptr, tag}};
-constexpr field_info CC_MLR[] = {{"segment", number}, {"count", signed_number}, {nullptr, tag}};
-constexpr field_info PCR_FREQ[] = {{"pid", pid},
-                                   {"old_pcr_ticks", number},
-                                   {"new_pcr_ticks", number},
-                                   {"delta_ms", number},
-                                   {nullptr, braced_tag}};
-constexpr field_info PCR_DELTA[] = {
-    {"stamp", stamp},        {"pcr_pid", pid},     {"pcr_ticks", number}, {"pid", pid},
-    {"stamp_ticks", number}, {"delta_ms", number}, {nullptr, braced_tag}};
-constexpr field_info AV_DELTA[] = {
-    {"stamp", stamp},        {"video_pid", pid},   {"video_ticks", number}, {"pid", pid},
-    {"stamp_ticks", number}, {"delta_ms", number}, {nullptr, braced_tag}};
-constexpr field_info PAT_DIFF[] = {{nullptr, zero},
-                                   {"programmes", number},
-                                   {"added", number},
-                                   {"deleted", number},
-                                   {nullptr, tag}};
-constexpr field_info PMT_DIFF[] = {{"pid", pid},
-                                   {"streams_before", number},
-                                   {"entries_now", number},
-                                   {"pcr_pid", pid},
-                                   {nullptr, tag}};
-constexpr field_info PID_NDAT[] = {
-    {"pid", pid}, {"programme", number}, {"stream", number}, {nullptr, tag}};
-constexpr field_info LOST_SYNC[] = {{"sequence", number}, {nullptr, braced_tag}};
-
-constexpr field_info GLOBAL[] = {{"duration_ms", signed_number}, {"programmes", number},
-                                 {"packets_skipped", number},    {"LOST-SYNC", number},
-                                 {"PAT-DIFF", number},           {"CC-MLR", number}};
-constexpr field_info PMTS[] = {{"programme", number}, {"pmt_pid", pid}, {"streams", number}};
-constexpr field_info PMTI[] = {{"programme", number}, {"pid", pid},         {"class", letter},
-                               {"packets", number},   {"analysed", number}, {"type", text}};
-// The PID is that of the PCR of the latest packet's programme.
-constexpr field_info PRG[] = {
-    {"latest_pcr_pid", pid},    {"packets", number},         {"analysed", number},
-    {"video_packets", number},  {"video_analysed", number},  {"audio_packets", number},
-    {"audio_analysed", number}, {"private_packets", number}, {"private_analysed", number}};
-constexpr field_info AVERAGE[] = {
-    {"pid", signed_number},   {nullptr, signed_number}, {nullptr, mean},
-    {"period_count", number}, {"period_sum", number},   {"period_min", number},
-    {"period_max", number},   {nullptr, mean},          {"count", number},
-    {"sum", number},          {"min", number},          {"max", number}};
-constexpr field_info ALERT_COUNT[] = {
-    {"programme", number}, {"AV-DELTA+", number}, {"AV-DELTA0", number}, {"PCR-DELTA", number},
-    {"PCR-FREQ", number},  {"CC-BRK", number},    {"CC-RST", number},    {"PID-NDAT", number}};
-
-constexpr std::array<kind_info, LINE_KINDS> KINDS{{{"CC-BRK", CC_BRK},
-                                                   {"CC-RST", CC_RST},
-                                                   {"CC-MLR", CC_MLR},
-                                                   {"PCR-FREQ", PCR_FREQ},
-                                                   {"PCR-DELTA", PCR_DELTA},
-                                                   {"AV-DELTA+", AV_DELTA},
-                                                   {"AV-DELTA0", AV_DELTA},
-                                                   {"PAT-DIFF", PAT_DIFF},
-                                                   {"PMT-DIFF", PMT_DIFF},
-                                                   {"PID-NDAT", PID_NDAT},
-                                                   {"LOST-SYNC", LOST_SYNC},
-                                                   {"GLOBAL", GLOBAL},
-                                                   {"PMTs", PMTS},
-                                                   {"PMTi", PMTI},
-                                                   {"PRG", PRG},
-                                                   {"AV-delta", AVERAGE},
-                                                   {"PCR-delta", AVERAGE},
-                                                   {"PCR-freq", AVERAGE},
-                                                   {"ALERT-count", ALERT_COUNT}}};
-
 // ---- Fields
 
 // What a parse leaves behind: the event, and where its numbers stand in the line.
 struct parse_state {
     line_event *event;
     const char *line = nullptr;
-    std::array<number_place, MAX_LINE_FIELDS> places{};
-    size_t nplaces = 0;
-    bool is_regular = true; // nothing but numbers and fixed words
+    line_numbers numbers{};
 };
 
 // What is left of a text. It is handed on by value so that it stays in registers; a piece that is
@@ -152,13 +72,16 @@ uint16_t member_of(const line_event &event, const uint64_t *value)
 // A number that differs from line to line.
 cursor take_variable(cursor in, uint64_t *value, parse_state *state, bool is_pid = false)
 {
+    constexpr ptrdiff_t max_len = 16;
     const cursor behind = take_number(in, value);
-    const ptrdiff_t len = behind.at - in.at;
-    if (!behind.is_valid() || len > 16 || state->nplaces == state->places.size())
-        state->is_regular = false;
+    if (!behind.is_valid())
+        return INVALID;
+    line_numbers &numbers = state->numbers;
+    if (behind.at - in.at > max_len || numbers.count == numbers.places.size())
+        numbers.is_all = false;
     else
-        state->places[state->nplaces++] = {static_cast<uint16_t>(in.at - state->line),
-                                           static_cast<uint8_t>(len), is_pid,
+        numbers.places[numbers.count++] = {static_cast<uint16_t>(in.at - state->line),
+                                           static_cast<uint8_t>(behind.at - in.at), is_pid,
                                            member_of(*state->event, value)};
     return behind;
 }
@@ -265,7 +188,7 @@ cursor take_field(cursor in, field_type type, uint64_t *value, parse_state *stat
         in = take_variable(in, value, state, true);
         return *value <= MAX_PID ? in : INVALID;
     case signed_number:
-        state->is_regular = false;
+        state->numbers.is_all = false;
         return take_signed(in, value);
     case zero:
         return skip(in, '0');
@@ -274,10 +197,10 @@ cursor take_field(cursor in, field_type type, uint64_t *value, parse_state *stat
     case letter:
         return take_letter(in, value);
     case mean:
-        state->is_regular = false;
+        state->numbers.is_all = false;
         return take_mean(in);
     case text:
-        state->is_regular = false;
+        state->numbers.is_all = false;
         return take_braced(in, &state->event->text);
     case tag:
         return take_tag(in, &state->event->tag, state);
@@ -289,10 +212,9 @@ cursor take_field(cursor in, field_type type, uint64_t *value, parse_state *stat
 
 bool take_fields(cursor in, parse_state *state)
 {
-    const auto &fields = KINDS[index_of(state->event->kind)].fields;
+    const auto &fields = info_of(state->event->kind).fields;
     uint64_t *value = state->event->values.data();
-    state->nplaces = 0;
-    state->is_regular = true;
+    state->numbers = {};
     for (size_t i = 0; i < fields.size() && in.is_valid(); ++i) {
         if (i != 0)
             in = skip(in, ' ');
@@ -314,7 +236,7 @@ bool take_wide_source(std::string_view rest, parse_state *state)
 {
     line_event *const event = state->event;
     size_t at = rest.size();
-    for (size_t n = KINDS[index_of(event->kind)].fields.size(); n > 0; --n) {
+    for (size_t n = info_of(event->kind).fields.size(); n > 0; --n) {
         if (at == 0 || (at = rest.rfind(' ', at - 1)) == rest.npos)
             return false;
     }
@@ -336,10 +258,7 @@ bool take_source_and_fields(std::string_view rest, parse_state *state)
 }
 
 // What is behind "ALERT CC-BRK ", or nothing valid when another kind stands there.
-cursor skip_kind(cursor in, line_kind kind)
-{
-    return skip(skip(in, KINDS[index_of(kind)].name), ' ');
-}
+cursor skip_kind(cursor in, line_kind kind) { return skip(skip(in, info_of(kind).name), ' '); }
 
 enum class message_class : uint8_t { valid, broken, none };
 
@@ -362,7 +281,6 @@ message_class parse_message(std::string_view message, parse_state *state)
 
 constexpr std::string_view CALENDAR = "0000-00-00 00:00:00"; // 0: any digit
 constexpr std::string_view MICROS = ".000000";
-constexpr size_t TIME_LEN = CALENDAR.size() + MICROS.size();
 
 bool has_shape(std::string_view text, std::string_view shape)
 {
@@ -467,149 +385,7 @@ line_class search_line(std::string_view line, parse_state *state)
     return line_class::event;
 }
 
-// ---- Lines like one before
-
-constexpr uint64_t EACH = 0x0101010101010101;
-constexpr uint64_t HIGH_BITS = 0x80 * EACH;
-
-// Eight characters at once, the first in the lowest byte.
-uint64_t load8(const char *at)
-{
-    uint64_t bytes = 0;
-    memcpy(&bytes, at, sizeof bytes);
-    return bytes;
-}
-
-// The value of eight digits, each a byte from 0 to 9, the first of them in the lowest byte.
-uint64_t join_digits(uint64_t digits)
-{
-    digits = (digits * 10 + (digits >> 8)) & 0x00ff00ff00ff00ff;
-    digits = (digits * 100 + (digits >> 16)) & 0x0000ffff0000ffff;
-    return (digits * 10000 + (digits >> 32)) & 0xffffffff;
-}
-
-// The value of the digits that end here, eight at most.
-uint64_t value_before(const char *end, unsigned len)
-{
-    return join_digits((load8(end - 8) ^ '0' * EACH) & (~uint64_t{0} << (64 - 8 * len)));
-}
-
-uint64_t value_at(const char *at, unsigned len)
-{
-    if (len == 1)
-        return static_cast<uint64_t>(*at - '0');
-    if (len <= 8)
-        return value_before(at + len, len);
-    return value_before(at + len - 8, len - 8) * 100'000'000 + value_before(at + len, 8);
-}
-
-// Where a piece of a line begins in the 8-byte words that cover the line; the last ends with it.
-size_t word_at(size_t i, size_t len) { return std::min(8 * i, len - 8); }
-
-size_t words_of(size_t len) { return (len + 7) / 8; }
-
-// The differences of a word from its layout stay below 128 in every byte: so do differences of 0 to
-// 9 in a digit's byte when 118 is added, and one of 0 in all others when 127 is.
-bool fits(const line_layout &layout, std::string_view line)
-{
-    const uint64_t *words = layout.words.data();
-    const uint64_t *slack = layout.slack.data();
-    const size_t last = words_of(line.size()) - 1;
-    uint64_t off = 0;
-    const auto compare = [&](size_t i, const char *at) {
-        const uint64_t difference = load8(at) ^ words[i];
-        off |= difference | (difference + slack[i]);
-    };
-    for (size_t i = 0; i < last; ++i)
-        compare(i, line.data() + 8 * i);
-    compare(last, line.data() + line.size() - 8);
-    return (off & HIGH_BITS) == 0;
-}
-
-text_place place_of(std::string_view line, std::string_view piece)
-{
-    if (piece.empty())
-        return {};
-    return {static_cast<uint16_t>(piece.data() - line.data()), static_cast<uint16_t>(piece.size())};
-}
-
-// Takes the numbers of a line that fits; everything else is as it was.
-bool take_like(const line_layout &layout, std::string_view line, line_event *event)
-{
-    *event = layout.event;
-    event->time = line.substr(layout.time.at, layout.time.len);
-    event->source = line.substr(layout.source.at, layout.source.len);
-    event->tag.text = line.substr(layout.tag.at, layout.tag.len);
-    char *const base = reinterpret_cast<char *>(event);
-    uint64_t beyond = 0; // of what a PID can be
-    for (const number_place &place : std::span(layout.places.data(), layout.nplaces)) {
-        const uint64_t value = value_at(line.data() + place.at, place.len);
-        memcpy(base + place.member, &value, sizeof value);
-        beyond |= place.is_pid ? value & ~MAX_PID : 0;
-    }
-    return beyond == 0;
-}
-
-// Lines of one length share a set of layouts.
-auto &layouts_for(line_parser *parser, std::string_view line)
-{
-    return parser->layouts[line.size() % parser->layouts.size()];
-}
-
-bool parse_like_before(line_parser *parser, std::string_view line, line_event *event)
-{
-    for (const line_layout &layout : layouts_for(parser, line).ways)
-        if (layout.len != 0 && layout.len == line.size() && fits(layout, line))
-            return take_like(layout, line, event);
-    return false;
-}
-
-// Keeps a line's layout in place of the one that came longest ago.
-void remember(line_parser *parser, std::string_view line, const parse_state &state)
-{
-    if (!state.is_regular || line.size() < TIME_LEN || line.size() > MAX_LAYOUT_LEN)
-        return;
-    auto &set = layouts_for(parser, line);
-    line_layout &layout = set.ways[set.next++ % set.ways.size()];
-    layout.len = line.size();
-    layout.event = *state.event;
-    layout.time = place_of(line, state.event->time);
-    layout.source = place_of(line, state.event->source);
-    layout.tag = place_of(line, state.event->tag.text);
-    layout.places = state.places;
-    layout.nplaces = state.nplaces;
-    std::array<bool, MAX_LAYOUT_LEN> varies{};
-    for (size_t i = 0; i < state.event->time.size(); ++i)
-        varies[i] = is_digit(line[i]);
-    for (const number_place &place : std::span(state.places).first(state.nplaces))
-        std::fill_n(varies.begin() + place.at, place.len, true);
-    for (size_t i = 0; i < words_of(line.size()); ++i) {
-        char word[8];
-        uint64_t digits = 0;
-        for (size_t j = 0; j < 8; ++j) {
-            const size_t at = word_at(i, line.size()) + j;
-            word[j] = varies[at] ? '0' : line[at];
-            digits |= uint64_t{varies[at]} << (8 * j);
-        }
-        layout.words[i] = load8(word);
-        layout.slack[i] = 0x7f * EACH - 9 * digits;
-    }
-}
-
 } // namespace
-
-const kind_info &info_of(line_kind kind) { return KINDS[index_of(kind)]; }
-
-bool find_alert_kind(std::string_view name, line_kind *kind)
-{
-    const auto end = KINDS.begin() + ALERT_KINDS;
-    const auto found =
-        std::find_if(KINDS.begin(), end, [name](const kind_info &k) { return k.name == name; });
-    if (found == end)
-        return false;
-    *kind = static_cast<line_kind>(found - KINDS.begin());
-    return true;
-}
 
 bool parse_tag(std::string_view text, tag_info *tag)
 {
@@ -644,15 +420,6 @@ line_class parse_line(line_parser *parser, std::string_view line, line_event *ev
         return is_message && found == line_class::foreign ? line_class::damaged : found;
     }
     event->time = line.substr(0, head.time_len);
-    remember(parser, line, state);
+    remember_layout(parser, line, *event, state.numbers);
     return line_class::event;
-}
-
-const uint64_t *field_of(const line_event &event, std::string_view name)
-{
-    const auto &fields = info_of(event.kind).fields;
-    for (size_t i = 0; i < fields.size(); ++i)
-        if (fields[i].name != nullptr && fields[i].name == name)
-            return &event.values[i];
-    return nullptr;
 }

@@ -1,5 +1,7 @@
 #include "report/record.h"
 
+#include "report/lines.h"
+
 #include <nlohmann/json.hpp>
 
 namespace {

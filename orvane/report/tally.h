@@ -3,7 +3,7 @@
 #pragma once
 
 #include "report/bins.h"
-#include "report/lines.h"
+#include "report/events.h"
 
 #include <map>
 #include <optional>
@@ -100,7 +100,7 @@ struct capture_tally {
     uint64_t damaged = 0, foreign = 0; // lines
     uint64_t damaged_at = 0;           // number of the first damaged line
     bool has_stats = false;
-    bool wants_time = false; // stream time is reckoned
+    bool wants_time = false;            // stream time is reckoned
     bool wants_bins = false;            // series are kept for pictures
     std::array<recent_lane, 16> recent; // of the latest alerts
 };
