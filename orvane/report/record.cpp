@@ -2,6 +2,8 @@
 
 #include "report/lines.h"
 
+#include <algorithm>
+#include <charconv>
 #include <nlohmann/json.hpp>
 
 namespace {
@@ -31,22 +33,69 @@ bool stands_outside(std::string_view name)
     return name == "pid" || name == "programme" || name == "stream";
 }
 
-ordered values_of(const line_event &event)
+// ---- Alerts come by the million: their few members are put together here
+
+void put_text(std::string *out, std::string_view text)
 {
-    ordered values = ordered::object();
+    const bool is_plain = std::all_of(text.begin(), text.end(), [](char c) {
+        return c >= ' ' && c <= '~' && c != '"' && c != '\\';
+    });
+    if (is_plain)
+        out->append("\"").append(text).append("\"");
+    else
+        out->append(ordered(text).dump(-1, ' ', false, ordered::error_handler_t::replace));
+}
+
+void put_text_or_null(std::string *out, std::string_view text)
+{
+    if (text.empty())
+        out->append("null");
+    else
+        put_text(out, text);
+}
+
+template <class T>
+void put_number(std::string *out, T value)
+{
+    char digits[24];
+    const auto last = std::to_chars(digits, digits + sizeof digits, value);
+    out->append(digits, last.ptr);
+}
+
+void put_number_or_null(std::string *out, bool is_known, uint64_t value)
+{
+    if (is_known)
+        put_number(out, value);
+    else
+        out->append("null");
+}
+
+void put_index(std::string *out, int index)
+{
+    put_number_or_null(out, index >= 0, static_cast<uint64_t>(index));
+}
+
+void put_value(std::string *out, const field_info &field, uint64_t value)
+{
+    if (field.type == field_type::stamp)
+        out->append(value == 0 ? "\"pts\"" : "\"dts\"");
+    else if (field.type == field_type::signed_number)
+        put_number(out, static_cast<int64_t>(value));
+    else
+        put_number(out, value);
+}
+
+void put_values(std::string *out, const line_event &event)
+{
     const auto &fields = info_of(event.kind).fields;
+    const char *separator = "\"";
     for (size_t i = 0; i < fields.size(); ++i) {
-        const field_info &field = fields[i];
-        if (field.name == nullptr || stands_outside(field.name))
+        if (fields[i].name == nullptr || stands_outside(fields[i].name))
             continue;
-        if (field.type == field_type::stamp)
-            values[field.name] = event.values[i] == 0 ? "pts" : "dts";
-        else if (field.type == field_type::signed_number)
-            values[field.name] = static_cast<int64_t>(event.values[i]);
-        else
-            values[field.name] = event.values[i];
+        out->append(separator).append(fields[i].name).append("\":");
+        put_value(out, fields[i], event.values[i]);
+        separator = ",\"";
     }
-    return values;
 }
 
 ordered tracks_of(const programme_record &programme)
@@ -305,23 +354,21 @@ void write_alert(output_file *out, const capture_tally &tally, const alert_recor
         return;
     const line_event &line = *alert.line;
     const tag_info &tag = line.tag;
-    const auto when = [](bool is_known, uint64_t value) {
-        return is_known ? ordered(value) : ordered();
-    };
-    write_line(out, {{"record", "alert"},
-                     {"capture", tally.name},
-                     {"source", known(tally.source)},
-                     {"kind", info_of(line.kind).name},
-                     {"programme", known(alert.programme)},
-                     {"stream", known(alert.stream)},
-                     {"pid", known(alert.pid)},
-                     {"packet", when(tag.has_packet, tag.packet)},
-                     {"pcr_ticks", when(tag.has_pcr, tag.pcr_ticks)},
-                     {"packets_since_pcr", when(tag.has_pcr, tag.pcr_packets)},
-                     {"stream_time_s", known(alert.stream_time_s)},
-                     {"time", known(line.time)},
-                     {"tag", known(tag.text)},
-                     {"values", values_of(line)}});
+    std::string text = R"({"record":"alert","capture":)";
+    put_text(&text, tally.name);
+    put_text_or_null(&text.append(R"(,"source":)"), tally.source);
+    put_text(&text.append(R"(,"kind":)"), info_of(line.kind).name);
+    put_index(&text.append(R"(,"programme":)"), alert.programme);
+    put_index(&text.append(R"(,"stream":)"), alert.stream);
+    put_index(&text.append(R"(,"pid":)"), alert.pid);
+    put_number_or_null(&text.append(R"(,"packet":)"), tag.has_packet, tag.packet);
+    put_number_or_null(&text.append(R"(,"pcr_ticks":)"), tag.has_pcr, tag.pcr_ticks);
+    put_number_or_null(&text.append(R"(,"packets_since_pcr":)"), tag.has_pcr, tag.pcr_packets);
+    text.append(R"(,"stream_time_s":)").append(known(alert.stream_time_s).dump());
+    put_text_or_null(&text.append(R"(,"time":)"), line.time);
+    put_text_or_null(&text.append(R"(,"tag":)"), tag.text);
+    put_values(&text.append(R"(,"values":{)"), line);
+    write_output(out, text.append("}}\n"));
 }
 
 void write_summary(output_file *out, const capture_tally &tally, const capture_verdict &verdict)
