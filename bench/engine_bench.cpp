@@ -37,16 +37,9 @@ typedef std::unique_ptr<tsan_ctx, free_context> context;
 
 tsan_config every_check()
 {
-    tsan_config cfg{};
-    cfg.is_enabled = true;
-    strcpy(cfg.source, "bench");
-    cfg.max_skip_pkts = 5000;
-    cfg.max_pdts_delta = 500;
+    tsan_config cfg;
+    tsan_default_config(&cfg);
     cfg.max_pcr_delta = 500;
-    cfg.pcr_freq_ms = 100;
-    cfg.max_ndat_pcount = D_PCOUNT;
-    cfg.cc_track = true;
-    cfg.cc_max_ms0_ms = 30;
     return cfg;
 }
 

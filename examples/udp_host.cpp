@@ -9,9 +9,8 @@
 // when it cannot begin or go on: bad arguments, a failed socket, a source that loses packet
 // alignment too often or has nothing to analyse.
 
-#include "tsanalyze/tsanalyze.h"
-
 #include <libtarnlink/log.h>
+#include <tsanalyze/tsanalyze.h>
 
 #include <arpa/inet.h>
 #include <array>
@@ -186,7 +185,7 @@ int receive(host *h, int sock, int signals)
             return 0;
         if (wanted[0].revents != 0 && receive_datagram(h, sock) != 0)
             return FAILED;
-        if (tsan_check_dump_stats(stderr, h->th) != 0)
+        if (tsan_check_dump_stats(stderr, h->th) == TSAN_REPORTED)
             tsan_reset_local_stats(h->th); // averages of the next period alone
     }
     return 0;
@@ -194,17 +193,10 @@ int receive(host *h, int sock, int signals)
 
 tsan_config settings(const options &opt)
 {
-    tsan_config cfg{};
-    cfg.is_enabled = true;
-    cfg.max_skip_pkts = D_MAX_NO_ANALYZE;
-    cfg.max_pdts_delta = D_MAX_DELTA_MS;
-    cfg.max_pcr_delta = 1000;
-    cfg.pcr_freq_ms = 100;
+    tsan_config cfg;
+    tsan_default_config(&cfg);
     cfg.access_log_alerts = true;
     cfg.dump_stats_period = opt.stats_seconds;
-    cfg.max_ndat_pcount = D_PCOUNT;
-    cfg.cc_track = true;
-    cfg.cc_max_ms0_ms = 30;
     return cfg;
 }
 

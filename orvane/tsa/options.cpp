@@ -97,7 +97,7 @@ int apply_option(int opt)
 {
     switch (opt) {
     case 'A':
-        return tsan_cli_opt(optarg, &g_cfg.tsa) == 0 ? 0 : EINVAL;
+        return tsan_cli_opt(optarg, &g_cfg.tsa) == TSAN_OK ? 0 : EINVAL;
     case 'H':
         g_cfg.tsa.no_rlog = true;
         return 0;

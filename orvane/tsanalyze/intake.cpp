@@ -9,15 +9,12 @@
 #include <libtarnlink/strops.h>
 #include <libtarnlink/timeop.h>
 
-#include <cerrno>
 #include <new>
 
 namespace {
 
 loglevel_ctx g_llctx;
 
-constexpr int CANNOT_GO_ON = -1;
-constexpr int SOURCE_IDLES = -16;
 constexpr time_t IDLE_NOTICE_SEC = 10;
 
 time_t g_last_idle_notice; // of all contexts of the process; 0: never
@@ -31,7 +28,7 @@ int report_idle_source(const tsan_ctx *tc)
                  tc->last_pkt_idx, tc->cfg.max_skip_pkts);
         g_last_idle_notice = now;
     }
-    return SOURCE_IDLES;
+    return TSAN_IDLE;
 }
 
 // Kept apart: the text it makes has no place on the road of a packet.
@@ -39,13 +36,13 @@ int report_idle_source(const tsan_ctx *tc)
 {
     LOG_STMT(ERR_level, "%s: [%s] out of sync at %s\n", "tsan_process", tc->cfg.source,
              tag_text(tc).text);
-    return CANNOT_GO_ON;
+    return TSAN_CANNOT_GO_ON;
 }
 
 tsan_t without_memory(int *err)
 {
     if (err != nullptr)
-        *err = ENOMEM;
+        *err = TSAN_NO_MEMORY;
     return nullptr;
 }
 
@@ -81,11 +78,11 @@ inline bool take_packet(tsan_ctx *tc)
     if (tc->iso != nullptr ? take_by_standard(tc) : take_packet(tc)) {
         if (tc->ndat_pcount != 0)
             check_pcount(tc, false);
-        return 0; // analysed, so the source is not idle
+        return TSAN_OK; // analysed, so the source is not idle
     }
     if (tc->atotal == 0 && tc->last_pkt_idx >= tc->cfg.max_skip_pkts) [[unlikely]]
         return report_idle_source(tc);
-    return 0;
+    return TSAN_OK;
 }
 
 } // namespace
@@ -140,10 +137,10 @@ int tsan_process(tsan_t tc, const uint8_t *pkt)
         take_plain(tc, dat, header, pkt);
         if (tc->ndat_pcount != 0)
             check_pcount(tc, false);
-        return 0;
+        return TSAN_OK;
     }
     if (means_nothing(tc, dat, header))
-        return 0;
+        return TSAN_OK;
     tc->header = header;
     tc->pkt = pkt;
     return process_packet(tc);

@@ -51,10 +51,10 @@ int tsan_alert_lostsync(tsan_t tc)
     // This alert reaches the access log whatever access_log_alerts says, intended.
     log_access("ALERT LOST-SYNC %s %zu [%s]\n", tc->cfg.source, period.count, tag.text);
     if (period.count <= LOST_SYNC_LIMIT)
-        return 0;
+        return TSAN_OK;
     LOG_STMT(ERR_level, "%s: bailing out after %zu cases within %ld sec\n", __func__, period.count,
              now - period.last_tm);
-    return -1;
+    return TSAN_CANNOT_GO_ON;
 }
 
 void reset_ndat_pcount(tsan_ctx *tc)

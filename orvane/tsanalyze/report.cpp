@@ -77,17 +77,17 @@ void tsan_dump_stats(FILE *fp, tsan_t tc)
 int tsan_check_dump_stats(FILE *fp, tsan_t tc)
 {
     if (tc->cfg.dump_stats_period == 0)
-        return 0;
+        return TSAN_OK;
     const time_t now = now_seconds();
     if (tc->last_stats_dumped == 0) {
         tc->last_stats_dumped = now;
-        return 0;
+        return TSAN_OK;
     }
     const time_t passed = now - tc->last_stats_dumped;
     if (passed < 0 || static_cast<size_t>(passed) < tc->cfg.dump_stats_period)
-        return 0;
+        return TSAN_OK;
     if (fp != nullptr)
         tsan_dump_stats(fp, tc);
     tsan_alog_stats(tc);
-    return 1;
+    return TSAN_REPORTED;
 }

@@ -6,7 +6,6 @@
 #include <libtarnlink/log.h>
 #include <libtarnlink/strops.h>
 
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <libconfig.h>
@@ -125,6 +124,21 @@ void dump_tracking(FILE *stream, const tracking_opt *trk)
 
 // ---- The settings file
 
+void tsan_default_config(tsan_config *cfg)
+{
+    *cfg = {};
+    cfg->is_enabled = true;
+    copy_text(cfg->source, sizeof cfg->source, "TS"); // one without a tag would never be freed
+    cfg->max_skip_pkts = D_MAX_NO_ANALYZE;
+    cfg->max_pdts_delta = D_MAX_DELTA_MS;
+    cfg->max_pcr_delta = 1000;
+    cfg->pcr_freq_ms = 100;
+    cfg->dump_stats_period = 60;
+    cfg->max_ndat_pcount = D_PCOUNT;
+    cfg->cc_track = true;
+    cfg->cc_max_ms0_ms = 30;
+}
+
 int tsan_load_config(config_setting_t *section, tsan_config *cfg)
 {
     cfg->is_enabled = lookup_bool(section, "enabled");
@@ -156,9 +170,9 @@ int tsan_cli_opt(const char *optstr, tsan_config *cfg)
 {
     const std::unique_ptr<char, free_text> copy(strdup(optstr));
     if (copy == nullptr) {
-        const int error = errno;
-        LOG_STMT(ERR_level, "%s: strdup() ERROR(%d): %s\n", __func__, error, strerror(error));
-        return error;
+        LOG_STMT(ERR_level, "%s: strdup() ERROR(%d): %s\n", __func__, TSAN_NO_MEMORY,
+                 strerror(TSAN_NO_MEMORY));
+        return TSAN_NO_MEMORY;
     }
     char *name = copy.get();
     int64_t number = 0;
@@ -170,18 +184,18 @@ int tsan_cli_opt(const char *optstr, tsan_config *cfg)
         char *value = strchr(name, '=');
         if (value == nullptr) {
             LOG_STMT(ERR_level, "%s: invalid option string format: %s\n", __func__, name);
-            return EINVAL;
+            return TSAN_BAD_SETTING;
         }
         *value++ = '\0';
         number = strtol(value, nullptr, 10);
         if (number < 0) {
             LOG_STMT(ERR_level, "%s: invalid parameter value: %s/%ld\n", __func__, value, number);
-            return EINVAL;
+            return TSAN_BAD_SETTING;
         }
         set_by_name(name, number, cfg);
     }
     LOG_STMT(DEBUG_level, "%s: %s=%ld OK\n", __func__, name, number);
-    return 0;
+    return TSAN_OK;
 }
 
 int tsan_xtrack_opt(const char *optstr, tsan_config *cfg)
@@ -190,7 +204,7 @@ int tsan_xtrack_opt(const char *optstr, tsan_config *cfg)
     const bool all = strcasecmp(optstr, "all") == 0;
     trk.sdt_ignore = trk.misc_ignore = trk.pdts_update = trk.pat_pmt_pkt = trk.pcr_update = all;
     if (all)
-        return 0;
+        return TSAN_OK;
     const struct {
         const char *word;
         bool *flag;
@@ -202,7 +216,7 @@ int tsan_xtrack_opt(const char *optstr, tsan_config *cfg)
     for (const auto &w : words)
         if (strstr(optstr, w.word) != nullptr)
             *w.flag = true;
-    return 0;
+    return TSAN_OK;
 }
 
 // ---- The dump

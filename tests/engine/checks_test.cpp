@@ -150,13 +150,13 @@ TEST(presence, lost_sync_gives_up_when_losses_come_too_thick)
     e.c.null();
     e.feed();
     for (int i = 0; i < 29; ++i, g_now.tv_sec += i <= 20 ? 3 : 0)
-        EXPECT_EQ(tsan_alert_lostsync(e.t), 0);
+        EXPECT_EQ(tsan_alert_lostsync(e.t), TSAN_OK);
     g_now.tv_sec += 2;
-    EXPECT_EQ(tsan_alert_lostsync(e.t), -1);
+    EXPECT_EQ(tsan_alert_lostsync(e.t), TSAN_CANNOT_GO_ON);
     EXPECT_THAT(e.alerts(), EndsWith("\nALERT LOST-SYNC src 10 [pkt[1]]\n"));
     EXPECT_THAT(e.log(), HasSubstr("(WRN)  ALERT LOST-SYNC [src] seq=10 at pkt[1]\n(ERR)  "));
     g_now.tv_sec += 100; // there is no new period any more
-    EXPECT_EQ(tsan_alert_lostsync(e.t), -1);
+    EXPECT_EQ(tsan_alert_lostsync(e.t), TSAN_CANNOT_GO_ON);
 }
 
 TEST(report, stat_lines_of_a_period_and_of_the_run)

@@ -36,7 +36,7 @@ TEST(road, an_ordinary_packet_allocates_nothing_and_reads_no_clock)
     for (; e.fed < 3; ++e.fed) // every stream of a programme is known, the first PCR taken
         tsan_process(e.t, e.c.at(e.fed));
     g_allocations = g_clock_reads = 0;
-    EXPECT_EQ(e.feed(), 0);
+    EXPECT_EQ(e.feed(), TSAN_OK);
     // The first repetition of each table is printed and compared; all the others are known.
     EXPECT_LT(g_allocations, 20u);
     EXPECT_EQ(g_clock_reads, 0u);
@@ -72,14 +72,14 @@ TEST(road, a_run_stops_on_an_idle_source_and_out_of_sync)
     cfg.max_skip_pkts = 3;
     engine e(cfg);
     e.c.null(4);
-    EXPECT_EQ(e.feed(), -16);
-    EXPECT_EQ(e.feed(), -16);
+    EXPECT_EQ(e.feed(), TSAN_IDLE);
+    EXPECT_EQ(e.feed(), TSAN_IDLE);
     EXPECT_EQ(e.log(), "(ERR)  [src] has been idling for too long (3/3 packets)\n"); // once
     g_now.tv_sec += 11;
     e.c.null();
     EXPECT_EQ(e.log(), "(ERR)  [src] has been idling for too long (5/3 packets)\n");
     e.c.null();
     e.c.last(0) = 0x48;
-    EXPECT_EQ(e.feed(), -1);
+    EXPECT_EQ(e.feed(), TSAN_CANNOT_GO_ON);
     EXPECT_EQ(e.log(), "(ERR)  tsan_process: [src] out of sync at pkt[6]\n");
 }
