@@ -49,5 +49,6 @@ if(CMAKE_BUILD_TYPE STREQUAL "Release" AND NOT ORVSCAN_SANITIZE)
   target_compile_options(orvscan_flags INTERFACE
     -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=3 -D_GLIBCXX_ASSERTIONS)
   target_link_options(orvscan_flags INTERFACE
-    -pie -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack -Wl,-z,nodlopen -Wl,--as-needed)
+    -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack -Wl,--as-needed
+    "$<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:-pie;-Wl,-z,nodlopen>")
 endif()
