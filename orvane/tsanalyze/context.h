@@ -182,6 +182,8 @@ struct iso_state {
 
 struct tsan_ctx {
     tsan_config cfg;
+    tsan_alert_callback alert_callback; // of the host; null: it wants no records
+    void *alert_opaque;
     const dgram_info *dat; // classification of the current packet; stays behind it
     ts_header header;      // the packet's header and bytes, while it walks the whole road
     const uint8_t *pkt;

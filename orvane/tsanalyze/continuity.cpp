@@ -1,5 +1,6 @@
 #include "tsanalyze/continuity.h"
 
+#include "tsanalyze/alert.h"
 #include "tsanalyze/tag.h"
 
 #include <libtarnlink/log.h>
@@ -56,6 +57,9 @@ void alert_cc_break(tsan_ctx *tc, uint32_t pid, int last, int cc)
         log_access("ALERT CC-BRK %s %u %lu %d %d %s\n", tc->cfg.source, pid, seg, last, cc,
                    tag.text);
     ++prog(tc)->alert.cc_break;
+    if (tells_alerts(tc))
+        tell_alert(tc, TSAN_CC_BRK, pid,
+                   {.cc = {.segment = seg, .last = last, .current = cc, .ms = 0}});
     save_cca(tc, pid, last, cc);
 }
 
@@ -71,6 +75,9 @@ void alert_cc_rst(tsan_ctx *tc, uint32_t pid, int last, int cc, int64_t delta_ms
         log_access("ALERT CC-RST %s %u %lu %d %d %ld %s\n", tc->cfg.source, pid, seg, last, cc,
                    delta_ms, tag.text);
     ++prog(tc)->alert.cc_reset;
+    if (tells_alerts(tc))
+        tell_alert(tc, TSAN_CC_RST, pid,
+                   {.cc = {.segment = seg, .last = last, .current = cc, .ms = delta_ms}});
     save_cca(tc, pid, last, cc);
 }
 
@@ -105,4 +112,6 @@ void alert_cc_mlr(tsan_ctx *tc)
     if (tc->cfg.access_log_alerts)
         log_access("ALERT CC-MLR %s %lu %d %s\n", tc->cfg.source, seg, tc->last_cca.nmlr, tag.text);
     ++tc->gac.cc_mlr;
+    if (tells_alerts(tc))
+        tell_alert(tc, TSAN_CC_MLR, 0, {.mlr = {.segment = seg, .count = tc->last_cca.nmlr}});
 }

@@ -1,5 +1,6 @@
 #include "tsanalyze/pat.h"
 
+#include "tsanalyze/alert.h"
 #include "tsanalyze/pids.h"
 #include "tsanalyze/presence.h"
 #include "tsanalyze/tag.h"
@@ -123,6 +124,9 @@ void alert_pat_diff(tsan_ctx *tc, size_t nadded, size_t ndel, size_t nprogs)
         log_access("ALERT PAT-DIFF %s 0 %zu %zu %zu %s\n", tc->cfg.source, nprogs, nadded, ndel,
                    tag.text);
     ++tc->gac.pat_diff;
+    if (tells_alerts(tc))
+        tell_alert(tc, TSAN_PAT_DIFF, 0,
+                   {.pat_diff = {.programmes = nprogs, .added = nadded, .deleted = ndel}});
 }
 
 void process_PAT(tsan_ctx *tc, std::span<const uint8_t> bytes)

@@ -1,5 +1,6 @@
 #include "tsanalyze/pmt.h"
 
+#include "tsanalyze/alert.h"
 #include "tsanalyze/pids.h"
 #include "tsanalyze/presence.h"
 #include "tsanalyze/shortcuts.h"
@@ -124,6 +125,9 @@ void alert_pmt_diff(tsan_ctx *tc, uint32_t pid, const ctxt_spec *s, size_t count
         log_access("ALERT PMT-DIFF %s %u %zu %zu %u %s\n", tc->cfg.source, pid, pg->nstreams, count,
                    pcr_pid, tag.text);
     ++pg->alert.pmt_diff;
+    if (tells_alerts(tc))
+        tell_alert(tc, TSAN_PMT_DIFF, pid,
+                   {.pmt_diff = {.streams = pg->nstreams, .entries = count, .pcr_pid = pcr_pid}});
 }
 
 // For debugging: true takes every PMT for a changed one.

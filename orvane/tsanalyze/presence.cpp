@@ -1,5 +1,6 @@
 #include "tsanalyze/presence.h"
 
+#include "tsanalyze/alert.h"
 #include "tsanalyze/tag.h"
 
 #include <libtarnlink/log.h>
@@ -28,6 +29,8 @@ void alert_ndat_pcount(tsan_ctx *tc, size_t ip, size_t is, uint32_t pid)
         log_access("ALERT PID-NDAT %s %u %zu %zu %s\n", tc->cfg.source, pid, ip, is, tag.text);
     if (prog(tc) != nullptr) // counted where the current packet belongs, intended
         ++prog(tc)->alert.pid_ndat;
+    if (tells_alerts(tc))
+        tell_alert(tc, TSAN_PID_NDAT, pid, {.ndat = {.programme = ip, .stream = is}});
 }
 
 } // namespace
@@ -50,6 +53,8 @@ int tsan_alert_lostsync(tsan_t tc)
                  tag.text);
     // This alert reaches the access log whatever access_log_alerts says, intended.
     log_access("ALERT LOST-SYNC %s %zu [%s]\n", tc->cfg.source, period.count, tag.text);
+    if (tells_alerts(tc))
+        tell_alert(tc, TSAN_LOST_SYNC, 0, {.sync = {.count = period.count}});
     if (period.count <= LOST_SYNC_LIMIT)
         return TSAN_OK;
     LOG_STMT(ERR_level, "%s: bailing out after %zu cases within %ld sec\n", __func__, period.count,

@@ -91,11 +91,16 @@ tag_string tag_text(const packet_tag &tag)
     return result;
 }
 
+packet_tag current_tag(const tsan_ctx *tc)
+{
+    return is_taken(tc) || !tc->shortcuts.late_tag ? tc->ptag : make_tag(tc);
+}
+
 tag_string tag_text(const tsan_ctx *tc)
 {
     if (tc->ptotal == 0)
         return {};
-    return tag_text(is_taken(tc) || !tc->shortcuts.late_tag ? tc->ptag : make_tag(tc));
+    return tag_text(current_tag(tc));
 }
 
 void mk_ptag(tsan_ctx *tc)

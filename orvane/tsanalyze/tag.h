@@ -12,6 +12,7 @@ struct tag_string {
     char text[PKTIDX_LEN];
 };
 tag_string tag_text(const packet_tag &tag);
+packet_tag current_tag(const tsan_ctx *tc);
 tag_string tag_text(const tsan_ctx *tc); // the current packet's; empty before the first
 
 // Takes the current packet's tag down: before its own PCR is stored, or a host changes its number.

@@ -1,6 +1,7 @@
 #include "tsanalyze/timing.h"
 
 #include "misc/mstime.h"
+#include "tsanalyze/alert.h"
 #include "tsanalyze/tag.h"
 
 #include <libtarnlink/log.h>
@@ -45,13 +46,19 @@ void dump_pcr_diff(tsan_ctx *tc, bool is_pts, uint64_t delta, const stream_info 
         log_access("ALERT PCR-DELTA %s %s %u %lu %u %lu %lu [%s]\n", tc->cfg.source, kind,
                    pg->pcr_pid, p, si->pid, s, delta, tag.text);
     ++pg->alert.pcr_delta;
+    if (tells_alerts(tc))
+        tell_alert(
+            tc, TSAN_PCR_DELTA, si->pid,
+            {.delta = {.is_pts = is_pts, .pid = pg->pcr_pid, .ticks = p, .stamp = s, .ms = delta}});
 }
 
 // The alert of a time stamp too far from, or suspiciously near to, the reference stream's.
-void dump_time_info(tsan_ctx *tc, const char *alert, bool is_pts, uint64_t delta,
+void dump_time_info(tsan_ctx *tc, tsan_alert_kind alert_kind, bool is_pts, uint64_t delta,
                     const stream_info *ref, const stream_info *si)
 {
-    const program_info *pg = prog(tc);
+    program_info *pg = prog(tc);
+    const bool is_zero = alert_kind == TSAN_AV_DELTA0;
+    const char *alert = is_zero ? "AV-DELTA0" : "AV-DELTA+";
     const tag_string tag = tag_text(tc);
     const uint64_t r = stamp_of(ref, is_pts);
     const uint64_t s = stamp_of(si, is_pts);
@@ -66,6 +73,11 @@ void dump_time_info(tsan_ctx *tc, const char *alert, bool is_pts, uint64_t delta
     if (tc->cfg.access_log_alerts)
         log_access("ALERT %s %s %s %u %lu %u %lu %lu [%s]\n", alert, tc->cfg.source, kind, ref->pid,
                    r, si->pid, s, delta, tag.text);
+    ++(is_zero ? pg->alert.av_delta0 : pg->alert.av_deltaplus);
+    if (tells_alerts(tc))
+        tell_alert(
+            tc, alert_kind, si->pid,
+            {.delta = {.is_pts = is_pts, .pid = ref->pid, .ticks = r, .stamp = s, .ms = delta}});
 }
 
 // See distance_ms; here, so that it is part of its callers.
@@ -95,13 +107,10 @@ void ck_tstamp(tsan_ctx *tc, bool is_pts, const stream_info *ref, const stream_i
     const uint64_t s = stamp_of(si, is_pts);
     const uint32_t delta = clock_distance(tc, r, s);
     inc_aval(&pg->av_pdts_delta, delta);
-    if (delta == 0 && r != s) {
-        dump_time_info(tc, "AV-DELTA0", is_pts, delta, ref, si);
-        ++pg->alert.av_delta0;
-    } else if (delta > tc->cfg.max_pdts_delta) {
-        dump_time_info(tc, "AV-DELTA+", is_pts, delta, ref, si);
-        ++pg->alert.av_deltaplus;
-    }
+    if (delta == 0 && r != s)
+        dump_time_info(tc, TSAN_AV_DELTA0, is_pts, delta, ref, si);
+    else if (delta > tc->cfg.max_pdts_delta)
+        dump_time_info(tc, TSAN_AV_DELTA_PLUS, is_pts, delta, ref, si);
 }
 
 } // namespace
@@ -122,6 +131,9 @@ void alert_pcr_freq(tsan_ctx *tc, uint64_t pcr, uint64_t delta)
         log_access("ALERT PCR-FREQ %s %u %lu %lu %lu [%s]\n", tc->cfg.source, pg->pcr_pid,
                    pg->last_pcr, pcr, delta, tag_text(tc).text);
     ++pg->alert.pcr_freq;
+    if (tells_alerts(tc))
+        tell_alert(tc, TSAN_PCR_FREQ, pg->pcr_pid,
+                   {.pcr_freq = {.old_pcr = pg->last_pcr, .new_pcr = pcr, .ms = delta}});
 }
 
 void pcr_freq_check(tsan_ctx *tc, uint64_t pcr)

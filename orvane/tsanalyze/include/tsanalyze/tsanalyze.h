@@ -6,7 +6,8 @@
 // of every listed stream, and raises alerts:
 //
 //   - for people, to the application log (g_log) at warning level, unless `no_rlog` is set;
-//   - for machines, to the access log (g_access_log), when `access_log_alerts` is set.
+//   - for machines, to the access log (g_access_log), when `access_log_alerts` is set;
+//   - for the host itself, as records, when it has asked for them (tsan_set_alert_callback).
 //
 // The logs are those of <libtarnlink/log.h>. The host says where they go, with log_default or
 // log_open_ex, before it creates its first context: a line for a log without a stream is dropped.
@@ -153,6 +154,83 @@ int tsan_alert_lostsync(tsan_t t);
 // host that moves within its input.
 uint64_t tsan_get_pidx(tsan_t t);
 void tsan_set_pidx(tsan_t t, uint64_t pidx);
+
+// ---- Alerts as data
+
+typedef enum tsan_alert_kind {
+    TSAN_PAT_DIFF,      // the PAT lists other PMT PIDs
+    TSAN_PMT_DIFF,      // a PMT reads differently
+    TSAN_CC_BRK,        // a continuity counter is not the next one (13818-1, 2.4.3.3)
+    TSAN_CC_RST,        // ... but 0, and the previous such 0 is long ago
+    TSAN_CC_MLR,        // several streams lost equally many packets in one segment
+    TSAN_PCR_FREQ,      // PCRs are too far apart (2.7.2)
+    TSAN_PCR_DELTA,     // an audio time stamp is too far from the PCR
+    TSAN_AV_DELTA0,     // ... less than 1 ms from the video's, and yet not equal
+    TSAN_AV_DELTA_PLUS, // ... too far from the video's
+    TSAN_PID_NDAT,      // a listed stream never carried a packet
+    TSAN_LOST_SYNC,     // the host lost packet alignment
+    TSAN_ALERT_KINDS,
+} tsan_alert_kind;
+
+// The values of an alert, one member for each group of kinds.
+typedef union tsan_alert_values {
+    struct {
+        size_t programmes, added, deleted;
+    } pat_diff;
+    struct {
+        size_t streams, entries; // analysed streams before, entries now
+        uint32_t pcr_pid;        // now
+    } pmt_diff;
+    struct {
+        uint64_t segment;
+        int last, current; // counters
+        int64_t ms;        // CC-RST: since the previous unexpected 0
+    } cc;
+    struct {
+        uint64_t segment;
+        int count; // losses beyond the first
+    } mlr;
+    struct {
+        uint64_t old_pcr, new_pcr; // ticks
+        uint64_t ms;
+    } pcr_freq;
+    struct {            // PCR-DELTA, AV-DELTA0, AV-DELTA+
+        bool is_pts;    // or a DTS
+        uint32_t pid;   // what it is held against: the PCR PID, or the video's
+        uint64_t ticks; // ... its clock value
+        uint64_t stamp; // the audio's (ticks)
+        uint64_t ms;    // between them
+    } delta;
+    struct {
+        size_t programme, stream; // the silent one, which need not be the packet's
+    } ndat;
+    struct {
+        size_t count; // losses in the period
+    } sync;
+} tsan_alert_values;
+
+// One alert: what the line for machines says.
+typedef struct tsan_alert {
+    tsan_alert_kind kind;
+    const char *source; // source tag, valid during the call
+    int programme;      // slot of the packet's programme; -1: none
+    int stream;         // stream of that programme; -1: none
+    uint64_t packet;    // number of the packet
+    bool has_pcr;       // the programme had a PCR before the packet:
+    uint64_t pcr;       // its base (ticks)
+    uint64_t pcr_age;   // packets since
+    uint32_t pid;       // what the alert is about: a PMT PID, a PCR PID or a stream's; 0: no PID
+    tsan_alert_values u;
+} tsan_alert;
+
+// Is called for every alert, after its lines were written and it was counted. The record is the
+// engine's and valid during the call, which may not use the context but for tsan_get_pidx, nor
+// throw.
+typedef void (*tsan_alert_callback)(void *opaque, const tsan_alert *alert);
+
+// Sets the function that gets every alert of the context from now on, with `opaque`; null, as at
+// first: none.
+void tsan_set_alert_callback(tsan_t t, tsan_alert_callback callback, void *opaque);
 
 // ---- Reports
 
