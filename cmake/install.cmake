@@ -4,11 +4,14 @@ include(CMakePackageConfigHelpers)
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/orvscan)
 set(examples_dir ${CMAKE_INSTALL_DATADIR}/orvscan/examples)
 
-install(TARGETS orvscan COMPONENT program)
-install(FILES docs/man/orvscan.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT program)
+install(TARGETS orvscan orvreport COMPONENT program)
+install(FILES docs/man/orvscan.1 docs/man/orvreport.1
+  DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT program)
 install(FILES docs/man/orvscan.conf.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 COMPONENT program)
-install(FILES completions/orvscan
+install(FILES completions/orvscan completions/orvreport
   DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT program)
+install(FILES docs/orvreport.schema.json
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/orvscan COMPONENT program)
 install(FILES docs/orvscan.conf.sample DESTINATION ${examples_dir} COMPONENT program)
 
 foreach(library IN ITEMS tarnlink tsanalyze)
