@@ -1,6 +1,6 @@
 // The bytes of a PMT section through its reader and its printer.
 
-#include "fuzz_logs.h"
+#include "fuzz.h"
 #include "tsanalyze/psi.h"
 
 #include <algorithm>

@@ -1,7 +1,7 @@
 // The reader of machine lines: whatever a log holds, a line means the same whether lines like it
 // came before or not, and its texts are pieces of it.
 
-#include "fuzz_logs.h"
+#include "fuzz.h"
 #include "report/blocks.h"
 #include "report/lines.h"
 #include "report/tally.h"

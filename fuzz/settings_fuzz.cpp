@@ -1,7 +1,7 @@
 // The text of a settings file: it is read, and is accepted exactly when the settings library's own
 // reading of a stream accepts it.
 
-#include "fuzz_logs.h"
+#include "fuzz.h"
 #include "tsa/settings_file.h"
 #include "tsa/settings_text.h"
 #include "tsanalyze/tsanalyze.h"
