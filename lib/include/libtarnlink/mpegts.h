@@ -29,7 +29,7 @@ enum pcr_delta_flags {
 // (13818-1, 2.4.3.4).
 static inline int ts_has_pcr(const uint8_t *pkt)
 {
-    return (pkt[3] & 0x20) != 0 && pkt[4] != 0 && (pkt[5] & 0x10) != 0;
+    return (pkt[3] & 0x20) != 0 && pkt[4] != 0 && (pkt[5] & 0x10) != 0 ? 1 : 0;
 }
 
 // The PCR base of a packet for which ts_has_pcr holds, in ticks.
