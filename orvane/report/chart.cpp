@@ -125,6 +125,7 @@ data ticks_of(const axis &x)
 {
     data ticks(data::type::list);
     const double step = step_for(x.till - x.from, 10);
+    // NOLINTNEXTLINE(clang-analyzer-security.FloatLoopCounter): a dozen steps, above rounding
     for (double value = std::ceil(x.from / step) * step; value <= x.till; value += step) {
         data tick;
         tick.set("x", place(x.at(value)));
@@ -278,6 +279,7 @@ data rows_of(const axis &y)
 {
     data rows(data::type::list);
     const double step = step_for(y.till, 5);
+    // NOLINTNEXTLINE(clang-analyzer-security.FloatLoopCounter): a handful of steps, from 0
     for (double value = 0; value <= y.till; value += step) {
         data row;
         row.set("y", place(y.at(value)));
@@ -311,7 +313,8 @@ void add_plot(data *plots, const capture_tally &tally, const plot_kind &kind, bo
     for (const lane_view &view : views)
         largest = std::max(largest, view.lane->max);
     const axis x = axis_of(tally, by_time, PLOT_LEFT, PLOT_RIGHT);
-    const axis y{0, static_cast<double>(largest + largest / 12 + 1), PLOT_BOTTOM, PLOT_TOP};
+    const uint64_t top = largest + largest / 12 + 1;
+    const axis y{0, static_cast<double>(top), PLOT_BOTTOM, PLOT_TOP};
     data series(data::type::list);
     for (size_t i = 0; i < views.size(); ++i) {
         data entry;

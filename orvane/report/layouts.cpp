@@ -130,7 +130,7 @@ void remember_layout(line_parser *parser, std::string_view line, const line_even
         for (size_t j = 0; j < 8; ++j) {
             const size_t at = word_at(i, line.size()) + j;
             word[j] = varies[at] ? '0' : line[at];
-            digits |= uint64_t{varies[at]} << (8 * j);
+            digits |= uint64_t{varies[at] ? 1u : 0u} << (8 * j);
         }
         layout.words[i] = load8(word);
         layout.slack[i] = 0x7f * EACH - 9 * digits;

@@ -89,7 +89,9 @@ bool take_settings(const option_words &words, tsan_config *settings)
 
 bool one_standard_output(const report_options &options)
 {
-    const int count = (options.json == "-") + (options.junit == "-") + (options.html == "-");
+    int count = 0;
+    for (const std::string *path : {&options.json, &options.junit, &options.html})
+        count += *path == "-" ? 1 : 0;
     return count < 2 || tell_wrong("only one output can be standard output");
 }
 
