@@ -12,15 +12,16 @@ void tell_alert(const tsan_ctx *tc, tsan_alert_kind kind, uint32_t pid,
                 const tsan_alert_values &values)
 {
     const packet_tag tag = current_tag(tc);
-    const tsan_alert alert{.kind = kind,
-                           .source = tc->cfg.source,
-                           .programme = tag.ipg,
-                           .stream = tag.istm,
-                           .packet = tag.pkt_idx,
-                           .has_pcr = tag.has_pcr,
-                           .pcr = tag.last_pcr,
-                           .pcr_age = tag.pcr_age,
-                           .pid = pid,
-                           .u = values};
+    tsan_alert alert{};
+    alert.kind = kind;
+    alert.source = tc->cfg.source;
+    alert.programme = tag.ipg;
+    alert.stream = tag.istm;
+    alert.packet = tag.pkt_idx;
+    alert.has_pcr = tag.has_pcr;
+    alert.pcr = tag.last_pcr;
+    alert.pcr_age = tag.pcr_age;
+    alert.pid = pid;
+    alert.u = values;
     tc->alert_callback(tc->alert_opaque, &alert);
 }
