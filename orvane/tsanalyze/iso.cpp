@@ -1,5 +1,6 @@
 #include "tsanalyze/iso.h"
 
+#include "tsanalyze/iso_tables.h"
 #include "tsanalyze/packet.h"
 #include "tsanalyze/pids.h"
 
@@ -199,16 +200,6 @@ bool take_for_users(tsan_ctx *tc)
 }
 
 } // namespace
-
-void change_user(tsan_ctx *tc, const dgram_info *dat)
-{
-    if (tc->dat == dat)
-        return;
-    tc->dat = dat;
-    tc->ptag_at = 0;
-    if (!tc->shortcuts.late_tag)
-        mk_ptag(tc);
-}
 
 bool take_by_standard(tsan_ctx *tc)
 {

@@ -32,11 +32,3 @@ bool take_by_standard(tsan_ctx *tc);
 
 // Writes the part of the report for people that is about these rules.
 void dump_standard(FILE *fp, const tsan_ctx *tc);
-
-// ---- Tables (iso_tables.cpp)
-
-void take_pat_by_standard(tsan_ctx *tc);
-void take_pmt_by_standard(tsan_ctx *tc);
-
-// Makes a programme that uses the packet's PID the current one: the packet's tag is then its own.
-void change_user(tsan_ctx *tc, const dgram_info *dat);

@@ -1,6 +1,4 @@
-// PAT and PMTs by the standard's rules.
-
-#include "tsanalyze/iso.h"
+#include "tsanalyze/iso_tables.h"
 
 #include "tsanalyze/packet.h"
 #include "tsanalyze/pat.h"

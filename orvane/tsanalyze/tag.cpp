@@ -110,3 +110,13 @@ void mk_ptag(tsan_ctx *tc)
     tc->ptag = make_tag(tc);
     tc->ptag_at = tc->ptotal;
 }
+
+void change_user(tsan_ctx *tc, const dgram_info *dat)
+{
+    if (tc->dat == dat)
+        return;
+    tc->dat = dat;
+    tc->ptag_at = 0;
+    if (!tc->shortcuts.late_tag)
+        mk_ptag(tc);
+}

@@ -17,3 +17,7 @@ tag_string tag_text(const tsan_ctx *tc); // the current packet's; empty before t
 
 // Takes the current packet's tag down: before its own PCR is stored, or a host changes its number.
 void mk_ptag(tsan_ctx *tc);
+
+// Makes another meaning of the packet's PID the current one, for a PID that several programmes use:
+// the packet's tag is then that programme's.
+void change_user(tsan_ctx *tc, const dgram_info *dat);
