@@ -126,15 +126,32 @@ void take_clock(tsan_ctx *tc)
 
 // ---- Users of a PID
 
-// Takes the time stamps of a PES header, each with the time base it belongs to.
+// Whether a PES packet has the header that holds stamps (2.4.3.7): padding, for one, has not.
+bool has_stamp_header(const tsan_ctx *tc)
+{
+    const auto pes = ts_get_payload(tc->header, tc->pkt);
+    return pes.size() > 6 && (pes[6] & 0xC0) == 0x80;
+}
+
+// Takes the time stamps of a PES header, each with the time base it belongs to. The first one of a
+// time base is new, whatever its value.
 void take_stamps(tsan_ctx *tc)
 {
+    if (!has_stamp_header(tc))
+        return;
     stream_info *si = tc->dat->stream;
+    const uint32_t base = prog(tc)->time_base;
+    const bool first_pts = si->pts_pktnum == 0 || si->pts_base != base;
+    const bool first_dts = si->dts_pktnum == 0 || si->dts_base != base;
     take_pes_header(tc);
-    if (si->pts_pktnum == tc->last_pkt_idx)
-        si->pts_base = prog(tc)->time_base;
-    if (si->dts_pktnum == tc->last_pkt_idx)
-        si->dts_base = prog(tc)->time_base;
+    if (si->pts_pktnum == tc->last_pkt_idx) {
+        si->pts_updated = si->pts_updated || first_pts;
+        si->pts_base = base;
+    }
+    if (si->dts_pktnum == tc->last_pkt_idx) {
+        si->dts_updated = si->dts_updated || first_dts;
+        si->dts_base = base;
+    }
 }
 
 // A repetition carries nothing new, and a scrambled packet nothing to be read.

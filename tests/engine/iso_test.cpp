@@ -123,6 +123,18 @@ TEST(iso, alerts_where_the_rules_differ)
          "ALERT PCR-DELTA src pts 257 8589925592 258 900 95443607 [0:1[5]:(pcr=8589925592)+2]\n"
          "ALERT AV-DELTA+ src pts 257 8589933692 258 900 95443697 [0:1[5]:(pcr=8589925592)+2]\n",
          ""},
+        {"an audio stamp of 0",
+         [](capture_builder *c) {
+             c->pcr(0x101, 90000);
+             c->pes(0x102, {.pts = 0});
+         },
+         "", "ALERT PCR-DELTA src pts 257 90000 258 0 1000 [0:1[4]:(pcr=90000)+1]\n"},
+        {"padding instead of a video stamp",
+         [](capture_builder *c) {
+             c->packet(0x101, {.unit_start = true, .payload = {0, 0, 1, 0xbe, 0, 0}});
+             c->pes(0x102, {.pts = 90000});
+         },
+         "ALERT AV-DELTA+ src pts 257 8589934591 258 90000 95442717 [0:1[4]]\n", ""},
         {"stamps of two time bases",
          [](capture_builder *c) {
              c->pcr(0x101, 900000);
