@@ -188,6 +188,20 @@ stream_info *first_stream(const tsan_ctx *tc)
     return dat != nullptr ? dat->stream : nullptr;
 }
 
+// The counter is the PID's: each user can go on by it when the one whose it is goes.
+void share_counter(const dgram_info *dat, const stream_info &judged)
+{
+    for (; dat != nullptr; dat = next_user_of(*dat)) {
+        stream_info *si = dat->stream;
+        if (si == nullptr || si == &judged)
+            continue;
+        forget_plain(si);
+        si->cc.value = judged.cc.value;
+        si->fingerprint = judged.fingerprint;
+        si->was_repeated = judged.was_repeated;
+    }
+}
+
 bool take_for_users(tsan_ctx *tc)
 {
     stream_info *judged = first_stream(tc);
@@ -211,7 +225,9 @@ bool take_for_users(tsan_ctx *tc)
         return false;
     note_counter(tc, judged);
     const bool is_special = (tc->header & tc->shortcuts.special_bits) != 0;
-    if (next_user_of(*first) == nullptr && !is_special && !judged->was_repeated)
+    if (next_user_of(*first) != nullptr)
+        share_counter(first, *judged);
+    else if (!is_special && !judged->was_repeated)
         expect_plain(tc);
     return true;
 }

@@ -180,6 +180,20 @@ TEST(iso, alerts_where_the_rules_differ)
          "ALERT PCR-DELTA src pts 257 900000 258 990000 1000 [0:1[6]:(pcr=900000)+1]\n"
          "ALERT PCR-DELTA src pts 257 900000 258 990000 1000 [1:0[6]:(pcr=900000)+1]\n"
          "ALERT CC-BRK src 258 0 0 2 0:1[7]:(pcr=900000)+2\n"},
+        {"a PID of two programmes, one of which goes",
+         [](capture_builder *c) {
+             c->pat({{1, 0x100}, {2, 0x200}}, {.version = 1});
+             c->pmt(0x200, {.program = 2, .pcr_pid = 0x104, .streams = {{0x1b, 0x104}}});
+             c->payload(0x104);
+             c->pmt(0x100, {.pcr_pid = 0x101, .version = 1, .streams = {{0x1b, 0x104}}});
+             c->payload(0x104, 2);
+             c->pat({{2, 0x200}}, {.version = 2});
+             c->payload(0x104);
+         },
+         "ALERT PAT-DIFF src 0 2 1 0 PAT[3]\nALERT PMT-DIFF src 256 3 1 257 0:M[6]\n"
+         "ALERT PAT-DIFF src 0 1 0 1 PAT[9]\n",
+         "ALERT PAT-DIFF src 0 2 1 0 PAT[3]\nALERT PMT-DIFF src 256 3 1 257 0:M[6]\n"
+         "ALERT PAT-DIFF src 0 1 0 1 PAT[9]\n"},
     };
     for (const auto &test : cases) {
         capture_builder c;
