@@ -232,6 +232,18 @@ bool take_for_users(tsan_ctx *tc)
     return true;
 }
 
+// A PMT's PID may be a PCR PID as well (table 2-3).
+void take_clocks_of_table(tsan_ctx *tc)
+{
+    const dgram_info *first = tc->dat;
+    for (const program_info &pg : std::span(tc->pg, tc->nprogs))
+        if (!pg.is_unlisted && pg.pcr_pid == hdr_pid(tc->header)) {
+            change_user(tc, &pg.dat_pmt);
+            take_clock(tc);
+        }
+    change_user(tc, first);
+}
+
 } // namespace
 
 bool take_by_standard(tsan_ctx *tc)
@@ -248,6 +260,8 @@ bool take_by_standard(tsan_ctx *tc)
     if (&dat == &tc->dat_sdt) {
         take_sdt(tc);
     } else if (dat.is_pat || dat.is_pmt) {
+        if (dat.is_pmt && hdr_has_adaptation(tc->header))
+            take_clocks_of_table(tc);
         if (!is_scrambled)
             dat.is_pat ? take_pat_by_standard(tc) : take_pmt_by_standard(tc);
     } else if (dat.program != nullptr) {

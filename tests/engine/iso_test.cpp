@@ -106,6 +106,15 @@ TEST(iso, alerts_where_the_rules_differ)
          "ALERT PMT-DIFF src 256 3 1 511 0:M[3]\n",
          "ALERT PMT-DIFF src 256 3 1 511 0:M[3]\n"
          "ALERT PCR-FREQ src 511 900000 909000 100 [0:-1[5]:(pcr=900000)+1]\n"},
+        {"a PCR on the PID of the PMT",
+         [](capture_builder *c) {
+             c->pmt(0x100, {.pcr_pid = 0x100, .version = 1, .streams = {{0x1b, 0x101}}});
+             c->pcr(0x100, 900000);
+             c->pcr(0x100, 909000);
+         },
+         "ALERT PMT-DIFF src 256 3 1 256 0:M[3]\n",
+         "ALERT PMT-DIFF src 256 3 1 256 0:M[3]\n"
+         "ALERT PCR-FREQ src 256 900000 909000 100 [0:M[5]:(pcr=900000)+1]\n"},
         {"a PCR that steps back, and one that wraps",
          [](capture_builder *c) {
              for (const uint64_t pcr :
