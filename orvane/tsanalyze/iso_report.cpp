@@ -66,35 +66,50 @@ void dump_measured(FILE *fp, const char *what, const aggr_val &av, const char *w
             static_cast<double>(av.g_total) / static_cast<double>(av.g_count), most);
 }
 
+// Whether a PMT of the programme has come.
+bool has_pmt(const program_info &pg) { return pg.txt_pmt.buf != nullptr; }
+
 const char *why_no_interval(const tsan_ctx *tc, const program_info &pg)
 {
     if (tc->cfg.pcr_freq_ms == 0)
         return "check off";
+    if (!has_pmt(pg))
+        return "no PMT";
     if (!has_pcr_pid(pg))
         return "the PMT lists no PCR";
     return pg.pcr_pktnum == 0 ? "no PCR" : "no two PCRs of a time base";
 }
 
-// Why there is no distance of an audio time stamp.
+// Why there is no distance of an audio time stamp; null: for want of what it is held against.
 const char *why_no_stamp(const tsan_ctx *tc, const program_info &pg, size_t threshold)
 {
     if (threshold == 0 || !tc->cfg.is_enabled)
         return "check off";
-    bool has_audio = false;
-    bool has_stamp = false;
-    bool carries_pcr = false;
+    if (!has_pmt(pg))
+        return "no PMT";
+    const char *why = "no audio";
     for (const stream_info &si : std::span(pg.stm, pg.nstreams)) {
         if (si.stype != 'A')
             continue;
-        has_audio = true;
-        has_stamp = has_stamp || si.pts_pktnum != 0;
-        carries_pcr = carries_pcr || si.pid == pg.pcr_pid;
+        if (si.pid == pg.pcr_pid)
+            why = "the audio carries the PCR";
+        else if (si.pts_pktnum != 0)
+            return nullptr;
+        else if (tc->iso->scrambled[si.pid] != 0)
+            why = "the audio is scrambled";
+        else
+            why = "no time stamp of audio";
     }
-    if (!has_audio)
-        return "no audio";
-    if (carries_pcr)
-        return "the audio carries the PCR";
-    return has_stamp ? nullptr : "no time stamp of audio";
+    return why;
+}
+
+const char *why_no_reference(const tsan_ctx *tc, const program_info &pg)
+{
+    if (pg.ref_idx < 0)
+        return "no video";
+    const stream_info &ref = pg.stm[pg.ref_idx];
+    const bool is_scrambled = ref.pts_pktnum == 0 && tc->iso->scrambled[ref.pid] != 0;
+    return is_scrambled ? "the video is scrambled" : "no time stamp of video before";
 }
 
 const char *or_else(const char *why, const char *other) { return why != nullptr ? why : other; }
@@ -110,8 +125,7 @@ void dump_program(FILE *fp, const tsan_ctx *tc, size_t i)
                   or_else(why_no_stamp(tc, pg, tc->cfg.max_pcr_delta),
                           has_pcr ? "no time stamp after a PCR" : "no PCR"));
     dump_measured(fp, "A/V distances:", pg.av_pdts_delta,
-                  or_else(why_no_stamp(tc, pg, tc->cfg.max_pdts_delta),
-                          pg.ref_idx < 0 ? "no video" : "no time stamp of video before"));
+                  or_else(why_no_stamp(tc, pg, tc->cfg.max_pdts_delta), why_no_reference(tc, pg)));
 }
 
 } // namespace

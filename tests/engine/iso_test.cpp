@@ -325,9 +325,9 @@ TEST(iso, the_report_tells_what_was_measured_and_why_not)
 		PCR distances:         count=1 min=440 mean=440.00 max=440 (ms)
 		A/V distances:         count=1 min=1 mean=1.00 max=1 (ms)
 	---- PRG(1): program 2 ----
-		PCR intervals:         not measured (the PMT lists no PCR)
-		PCR distances:         not measured (no audio)
-		A/V distances:         not measured (no audio)
+		PCR intervals:         not measured (no PMT)
+		PCR distances:         not measured (no PMT)
+		A/V distances:         not measured (no PMT)
 	------------------------------------------
 tsan_stats END
 )"));
