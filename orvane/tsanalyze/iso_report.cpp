@@ -35,18 +35,23 @@ section_refusals refused_on(const tsan_ctx *tc, size_t pid)
     return sum;
 }
 
+uint64_t sum_of(const section_refusals &by)
+{
+    return by[SECTION_BAD_CRC] + by[SECTION_INCOMPLETE] + by[SECTION_BAD_LENGTH];
+}
+
 void dump_refused(FILE *fp, const tsan_ctx *tc)
 {
-    const auto sum = [](const section_refusals &by) {
-        return by[SECTION_BAD_CRC] + by[SECTION_INCOMPLETE] + by[SECTION_BAD_LENGTH];
-    };
-    uint64_t total = 0;
-    for (size_t pid = 0; pid < PID_COUNT; ++pid)
-        total += sum(refused_on(tc, pid));
+    const iso_state &iso = *tc->iso;
+    uint64_t total = sum_of(iso.pat_sections.refused());
+    for (const section_gatherer &sections : iso.pmt_sections)
+        total += sum_of(sections.refused());
+    for (const section_refusals &by : iso.refused)
+        total += sum_of(by);
     fprintf(fp, "\t\tsections refused:      %lu\n", total);
-    for (size_t pid = 0; pid < PID_COUNT; ++pid) {
+    for (size_t pid = 0; pid < PID_COUNT && total != 0; ++pid) {
         const section_refusals by = refused_on(tc, pid);
-        if (sum(by) != 0)
+        if (sum_of(by) != 0)
             fprintf(fp, "\t\t\tpid%zu: CRC %lu, incomplete %lu, length %lu\n", pid,
                     by[SECTION_BAD_CRC], by[SECTION_INCOMPLETE], by[SECTION_BAD_LENGTH]);
     }
