@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 namespace {
 
@@ -18,7 +19,10 @@ uint64_t fingerprint_of(const tsan_ctx *tc)
 {
     const auto payload = ts_get_payload(tc->header, tc->pkt);
     uint64_t number = 0;
-    memcpy(&number, payload.data(), std::min(payload.size(), sizeof number));
+    if (payload.size() >= sizeof number) [[likely]]
+        memcpy(&number, payload.data(), sizeof number);
+    else
+        std::copy(payload.begin(), payload.end(), reinterpret_cast<uint8_t *>(&number));
     return number;
 }
 
@@ -80,11 +84,13 @@ void note_counter(tsan_ctx *tc, stream_info *si)
 {
     if (!hdr_has_payload(tc->header) && !hdr_has_adaptation(tc->header))
         return;
-    si->was_repeated = hdr_has_payload(tc->header) && hdr_cc(tc->header) == si->cc.value &&
-                       si->fingerprint == fingerprint_of(tc);
-    si->cc.value = hdr_cc(tc->header);
-    if (hdr_has_payload(tc->header))
-        si->fingerprint = fingerprint_of(tc);
+    const int last = std::exchange(si->cc.value, hdr_cc(tc->header));
+    si->was_repeated = false;
+    if (!hdr_has_payload(tc->header))
+        return;
+    const uint64_t number = fingerprint_of(tc);
+    si->was_repeated = last == si->cc.value && number == si->fingerprint;
+    si->fingerprint = number;
 }
 
 // ---- Clocks
@@ -202,7 +208,8 @@ void share_counter(const dgram_info *dat, const stream_info &judged)
     }
 }
 
-bool take_for_users(tsan_ctx *tc)
+// Kept apart, as the road of a table packet is short.
+[[gnu::noinline]] bool take_for_users(tsan_ctx *tc)
 {
     stream_info *judged = first_stream(tc);
     cc_verdict verdict = CC_GOOD;
@@ -233,7 +240,7 @@ bool take_for_users(tsan_ctx *tc)
 }
 
 // A PMT's PID may be a PCR PID as well (table 2-3).
-void take_clocks_of_table(tsan_ctx *tc)
+[[gnu::noinline]] void take_clocks_of_table(tsan_ctx *tc)
 {
     const dgram_info *first = tc->dat;
     for (const program_info &pg : std::span(tc->pg, tc->nprogs))
@@ -263,7 +270,7 @@ bool take_by_standard(tsan_ctx *tc)
         if (dat.is_pmt && hdr_has_adaptation(tc->header))
             take_clocks_of_table(tc);
         if (!is_scrambled)
-            dat.is_pat ? take_pat_by_standard(tc) : take_pmt_by_standard(tc);
+            take_table_by_standard(tc);
     } else if (dat.program != nullptr) {
         return take_for_users(tc);
     } else if (tc->cfg.trk.misc_ignore) {

@@ -135,6 +135,8 @@ void use_pat(tsan_ctx *tc, const psi_block &pat)
     tc->iso->has_pat = true;
     if (nadded == 0 && ndel == 0)
         return;
+    for (section_gatherer &sections : tc->iso->pmt_sections)
+        sections.unsettle();
     rebuild_pid_slots(tc);
     if (!is_first) {
         alert_pat_diff(tc, nadded, ndel, count_listed(tc));
@@ -171,6 +173,25 @@ size_t program_of(const tsan_ctx *tc, std::span<const uint8_t> section)
     return MAX_PMTS;
 }
 
+// Takes a whole PMT. Returns false when the same again will be no news.
+bool take_pmt_section(tsan_ctx *tc, std::span<const uint8_t> section)
+{
+    const size_t slot = program_of(tc, section);
+    if (slot == MAX_PMTS) {
+        LOG_STMT(DEBUG_level, "[%s] PMT (pid%u) of program %u, which is not listed, at %s\n",
+                 tc->cfg.source, hdr_pid(tc->header), section_extension(section),
+                 tag_text(tc).text);
+        return true;
+    }
+    section_image &latest = tc->iso->pmt_bytes[slot];
+    if (latest.matches(section) && !tc->cfg.trk.pmt_diff)
+        return false;
+    change_user(tc, &tc->pg[slot].dat_pmt);
+    track_PMT(tc, section);
+    latest.remember(section);
+    return true;
+}
+
 bool is_pmt(std::span<const uint8_t> section)
 {
     return section_table_id(section) == PMT_TABLE_ID && section_is_current(section) &&
@@ -178,44 +199,47 @@ bool is_pmt(std::span<const uint8_t> section)
            section.size() >= PMT_HEADER_LEN + 4; // the CRC
 }
 
-} // namespace
-
-void take_pat_by_standard(tsan_ctx *tc)
+// Takes a packet of the PAT. Returns false when the same again will be no news.
+bool take_pat_packet(tsan_ctx *tc, section_gatherer *sections)
 {
-    trace_table(tc);
-    section_gatherer &sections = tc->iso->pat_sections;
-    sections.take(tc->header, tc->pkt);
-    for (auto s = sections.next(); !s.empty(); s = sections.next()) {
+    sections->take(tc->header, tc->pkt);
+    bool is_news = false;
+    for (auto s = sections->next(); !s.empty(); s = sections->next()) {
         if (section_table_id(s) != PAT_TABLE_ID || !section_is_current(s))
             continue;
         // The same again is nothing new, unless another PAT has begun.
-        if (tc->new_pat != nullptr || !holds_section(tc->pat, s))
-            gather_pat(tc, s);
+        if (tc->new_pat == nullptr && holds_section(tc->pat, s))
+            continue;
+        gather_pat(tc, s);
+        is_news = true;
     }
+    return is_news;
 }
 
-void take_pmt_by_standard(tsan_ctx *tc)
+bool take_pmt_packet(tsan_ctx *tc, section_gatherer *sections)
 {
-    trace_table(tc);
     const dgram_info *first = tc->dat;
-    const size_t owner = static_cast<size_t>(first->ipg);
-    section_gatherer &sections = tc->iso->pmt_sections[owner];
-    sections.take(tc->header, tc->pkt);
-    for (auto s = sections.next(); !s.empty(); s = sections.next()) {
-        if (!is_pmt(s))
-            continue;
-        const size_t slot = program_of(tc, s);
-        if (slot == MAX_PMTS) {
-            LOG_STMT(DEBUG_level, "[%s] PMT (pid%u) of program %u, which is not listed, at %s\n",
-                     tc->cfg.source, hdr_pid(tc->header), section_extension(s), tag_text(tc).text);
-            continue;
-        }
-        section_image &latest = tc->iso->pmt_bytes[slot];
-        if (latest.matches(s) && !tc->cfg.trk.pmt_diff)
-            continue;
-        change_user(tc, &tc->pg[slot].dat_pmt);
-        track_PMT(tc, s);
-        latest.remember(s);
-    }
+    sections->take(tc->header, tc->pkt);
+    bool is_news = false;
+    for (auto s = sections->next(); !s.empty(); s = sections->next())
+        is_news = (is_pmt(s) && take_pmt_section(tc, s)) || is_news;
     change_user(tc, first);
+    return is_news;
+}
+
+} // namespace
+
+void take_table_by_standard(tsan_ctx *tc)
+{
+    const dgram_info &dat = *tc->dat;
+    section_gatherer *sections =
+        dat.is_pat ? &tc->iso->pat_sections : &tc->iso->pmt_sections[dat.ipg];
+    if (tc->cfg.trk.pat_pmt_pkt)
+        trace_table(tc);
+    if (sections->take_again(tc->header, tc->pkt)) [[likely]]
+        return;
+    const bool can_settle = dat.is_pat ? tc->shortcuts.quiet_pat : tc->shortcuts.quiet_pmt;
+    const bool is_news = dat.is_pat ? take_pat_packet(tc, sections) : take_pmt_packet(tc, sections);
+    if (can_settle && !is_news)
+        sections->settle();
 }

@@ -3,5 +3,5 @@
 
 #include "tsanalyze/context.h"
 
-void take_pat_by_standard(tsan_ctx *tc);
-void take_pmt_by_standard(tsan_ctx *tc);
+// Takes a packet of the PAT or of a PMT.
+void take_table_by_standard(tsan_ctx *tc);

@@ -41,8 +41,10 @@ void section_gatherer::take(ts_header h, const uint8_t *pkt)
 {
     while (!next().empty())
         ;
+    is_clean_ = hdr_has_payload(h) && open_size_ == 0;
     if (!hdr_has_payload(h))
         return;
+    settled_ = 0;
     const auto payload = ts_get_payload(h, pkt);
     const bool is_same = payload.size() == payload_size_ &&
                          memcmp(payload.data(), payload_.data(), payload_size_) == 0;
@@ -170,9 +172,16 @@ std::span<const uint8_t> section_gatherer::next()
     return {};
 }
 
+void section_gatherer::settle()
+{
+    const bool is_whole_packet = hdr_is_unit_start(last_) && hdr_has_payload_only(last_);
+    if (is_clean_ && open_size_ == 0 && is_whole_packet && !was_repeated_)
+        settled_ = hdr_followed(last_);
+}
+
 void section_gatherer::reset()
 {
-    last_ = 0;
+    last_ = settled_ = 0;
     was_repeated_ = is_done_ = false;
     open_size_ = payload_size_ = at_ = proven_ = 0;
 }

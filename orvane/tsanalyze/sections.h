@@ -9,6 +9,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <span>
 
 // Why a section was refused.
@@ -42,6 +43,20 @@ public:
     // there are no more. Sections without that syntax, and longer private ones, are stepped over.
     std::span<const uint8_t> next();
 
+    // For tables that are repeated again and again. settle() says that what the last packet brought
+    // is no news, and take_again(h, pkt) takes a packet that brings just that, in sequence; it
+    // returns false, and takes nothing, for any other and when a section was refused or is open.
+    void settle();
+    void unsettle() { settled_ = 0; }
+    bool take_again(ts_header h, const uint8_t *pkt)
+    {
+        if (h != settled_ || memcmp(pkt + 4, payload_.data(), TS_PACKET_SIZE - 4) != 0)
+            return false;
+        last_ = h;
+        settled_ = hdr_followed(h);
+        return true;
+    }
+
     // Sections refused so far, by fault.
     const section_refusals &refused() const { return refused_; }
 
@@ -49,7 +64,11 @@ public:
     void reset();
 
 private:
-    void refuse(section_fault fault) { ++refused_[fault]; }
+    void refuse(section_fault fault)
+    {
+        ++refused_[fault];
+        is_clean_ = false;
+    }
     void begin_unit(std::span<const uint8_t> payload);
     void open(std::span<const uint8_t> bytes);
     size_t append(std::span<const uint8_t> bytes);
@@ -58,7 +77,9 @@ private:
     void drop_open();
 
     ts_header last_ = 0;        // header of the last packet with a payload
+    ts_header settled_ = 0;     // ... of the packet that take_again takes; 0: none
     bool was_repeated_ = false; // that packet has come twice
+    bool is_clean_ = false;     // the last packet held whole sections alone, all of them right
     bool is_done_ = false;      // the open section is whole and to be handed out
     size_t open_size_ = 0;      // bytes of the open section that have come; 0: none is open
     size_t payload_size_ = 0;

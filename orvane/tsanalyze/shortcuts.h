@@ -13,7 +13,8 @@
 //     was analysed: the source cannot idle any more.
 //   - Quiet tables: a section with the bytes of one that changed nothing changes nothing
 //     (section_image). A PAT in several sections and a PMT whose text ran out of room, which is
-//     told every time, are never quiet.
+//     told every time, are never quiet. By the standard's rules it is the same with packets that
+//     hold whole sections (section_gatherer::take_again).
 //   - Late tags: see tag.h.
 #pragma once
 

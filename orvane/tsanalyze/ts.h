@@ -41,11 +41,11 @@ constexpr bool hdr_has_payload(ts_header h) { return (h & 0x10) != 0; }
 // Whether the header says payload and no adaptation field.
 constexpr bool hdr_has_payload_only(ts_header h) { return (h & 0x30) == 0x10; }
 
+// The header of a packet that follows in sequence and is the same otherwise.
+constexpr ts_header hdr_followed(ts_header h) { return (h & ~ts_header{0x0F}) | ((h + 1) & 0x0F); }
+
 // The header of a packet that follows in sequence and starts no payload unit.
-constexpr ts_header hdr_continued(ts_header h)
-{
-    return (h & ~ts_header{0x40000F}) | ((h + 1) & 0x0F);
-}
+constexpr ts_header hdr_continued(ts_header h) { return hdr_followed(h) & ~ts_header{0x400000}; }
 
 // Whether the adaptation field announces a discontinuity (2.4.3.5, discontinuity_indicator).
 inline bool ts_has_discontinuity(ts_header h, const uint8_t *pkt)

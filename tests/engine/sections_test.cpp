@@ -135,4 +135,32 @@ TEST(sections, not_asked_for_are_gone_and_what_is_open_can_be_forgotten)
     EXPECT_EQ(g.refused(), faults{});
 }
 
+TEST(sections, that_are_no_news_are_taken_again_in_sequence)
+{
+    const packets whole = packets_of({section_of(100)}), open = packets_of({section_of(400)});
+    packets wrong = whole;
+    wrong[0][20] ^= 1;
+    section_gatherer g;
+    const auto again = [&g](octets pkt, unsigned cc) {
+        pkt[3] = static_cast<uint8_t>(0x10 | cc);
+        return g.take_again(read_header(pkt.data()), pkt.data());
+    };
+    for (const packets &in : {wrong, packets{open[0]}, packets{whole[0], whole[0]}}) {
+        g.reset();
+        gathered(&g, in);
+        g.settle();
+        EXPECT_FALSE(again(in[0], 1));
+    }
+    g.reset();
+    gathered(&g, whole);
+    EXPECT_FALSE(again(whole[0], 1));
+    g.settle();
+    EXPECT_TRUE(again(whole[0], 1));
+    EXPECT_FALSE(again(whole[0], 1));
+    EXPECT_FALSE(again(wrong[0], 2));
+    EXPECT_TRUE(again(whole[0], 2));
+    g.unsettle();
+    EXPECT_FALSE(again(whole[0], 3));
+}
+
 } // namespace
