@@ -120,11 +120,16 @@ TEST_F(manual, has_every_line_with_all_its_fields)
     }
     for (const auto &[tag, none] : matches(text, R"re(log_aval_stats\("([\w-]+)"())re"))
         EXPECT_TRUE(contains(items, "STAT " + tag)) << tag;
-    const pairs labels = matches(file_text(ROOT + "orvane/tsanalyze/report.cpp"),
+    const std::string iso_report = file_text(ROOT + "orvane/tsanalyze/iso_report.cpp");
+    const pairs labels = matches(file_text(ROOT + "orvane/tsanalyze/report.cpp") + iso_report,
                                  R"re("(?:\\t)+(?:\+\+ )?([A-Za-z][A-Za-z/ -]*[A-Za-z])(:|  ))re");
-    EXPECT_GE(labels.size(), 20U);
+    EXPECT_GE(labels.size(), 23U);
     for (const auto &[label, end] : labels)
         EXPECT_TRUE(contains(orvscan_1, " " + label + end)) << label;
+    const pairs reasons = matches(iso_report, R"re("((?:no|the|check) [A-Za-z ]+)"())re");
+    EXPECT_GE(reasons.size(), 13U);
+    for (const auto &[reason, none] : reasons)
+        EXPECT_TRUE(contains(items, ".It " + reason + " Ta ")) << reason;
 }
 
 // The damaged sample is what its script makes, and its lines in page and README are true.
@@ -148,6 +153,12 @@ TEST_F(manual, shows_lines_of_the_damaged_sample)
             ++count;
         }
     EXPECT_EQ(count, 13U);
+    const run_result by_standard =
+        orvscan({"-H", "-A", "iso=1", "-A", "pdts_delta=560", "-A", "pcr_freq=100", damaged});
+    std::string block = by_standard.err.substr(by_standard.err.find("\tISO/IEC 13818-1:"));
+    block.resize(block.find("tsan_stats END"));
+    block = std::regex_replace(block, std::regex("\n\t|^\t"), "\n");
+    EXPECT_THAT(shown, HasSubstr(std::regex_replace(block, std::regex("\t"), "    ") + ".Ed"));
 }
 
 TEST_F(manual, passes_lint)
