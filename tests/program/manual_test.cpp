@@ -132,6 +132,19 @@ TEST_F(manual, has_every_line_with_all_its_fields)
         EXPECT_TRUE(contains(items, ".It " + reason + " Ta ")) << reason;
 }
 
+// The page of the engine has its operations, statuses and kinds, and the host it shows.
+TEST_F(manual, has_every_name_of_the_engine)
+{
+    const std::string page = file_text(PAGES + "tsanalyze.3");
+    const std::string header = file_text(ROOT + "orvane/tsanalyze/include/tsanalyze/tsanalyze.h");
+    const pairs names = matches(std::regex_replace(header, std::regex("TSAN_ALERT_KINDS"), ""),
+                                R"re(\b(tsan_\w+|TSAN_[A-Z]\w+)(\(|,| = -?\d+,))re");
+    EXPECT_GE(names.size(), 35U);
+    for (const auto &[name, end] : names)
+        EXPECT_TRUE(std::regex_search(page, std::regex("(Fn|Dv) " + name + "\\b"))) << name;
+    EXPECT_TRUE(contains(page, file_text(ROOT + "examples/minimal_host.c")));
+}
+
 // The damaged sample is what its script makes, and its lines in page and README are true.
 TEST_F(manual, shows_lines_of_the_damaged_sample)
 {
