@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <fcntl.h>
+#include <filesystem>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -81,3 +82,9 @@ run_result process::wait()
 }
 
 run_result run_process(const std::vector<std::string> &args) { return process(args).wait(); }
+
+run_result run_shell(const std::string &folder, const std::string &line)
+{
+    const std::string build = std::filesystem::read_symlink("/proc/self/exe").parent_path();
+    return run_process({"sh", "-c", "cd \"$1\" && PATH=$2:$PATH && " + line, "sh", folder, build});
+}

@@ -1,6 +1,8 @@
 // Runs programs and keeps what they write. Their standard input is a pipe that brings nothing.
 #pragma once
 
+#include <gmock/gmock.h>
+
 #include <csignal>
 #include <string>
 #include <sys/types.h>
@@ -11,6 +13,18 @@ struct run_result {
     pid_t pid = 0;
     std::string out, err;
 };
+
+inline void PrintTo(const run_result &run, std::ostream *out)
+{
+    *out << "status " << run.status << "\n" << run.out << "----\n" << run.err << "----";
+}
+
+// Matches a run by its status, standard output and standard error.
+template <typename Out, typename Err>
+auto ends(int status, const Out &out, const Err &err)
+{
+    return testing::FieldsAre(status, testing::_, out, err);
+}
 
 // A process under way. One that does not end within a minute is killed.
 class process {
@@ -35,3 +49,5 @@ private:
 };
 
 run_result run_process(const std::vector<std::string> &args);
+// A command line in a folder; programs of the build go by their names alone.
+run_result run_shell(const std::string &folder, const std::string &line);
