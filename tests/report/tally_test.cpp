@@ -46,8 +46,7 @@ TEST(bins, keep_every_alert_and_the_largest_value)
             range = std::abs(i * step);
         }
         widen_bins(&series, series.width * 2);
-        uint64_t count = 0;
-        uint64_t max = 0;
+        uint64_t count = 0, max = 0;
         for (const bin &b : series.bins) {
             count += b.count;
             max = std::max(max, b.max);
