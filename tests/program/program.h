@@ -41,4 +41,5 @@ inline std::string null_text(int count)
 struct program : testing::Test {
     temp_dir dir;
     std::string file = dir.file("null.ts", null_text(3));
+    run_result shell(const std::string &line) const { return run_shell(dir.path(), line); }
 };
