@@ -14,76 +14,59 @@ using namespace testing;
 
 TEST_F(program, refuses_what_it_cannot_do)
 {
-    const std::string name = ORVSCAN_PROGRAM;
-    const std::string help = "BANNER\nUsage: " + name + " -s source OPTIONS fpath\n PARAMETERS:\n";
+    const std::string help = "BANNER\nUsage: orvscan -s source OPTIONS fpath\n PARAMETERS:\n";
     const std::string cli = "@ (ERR)  FSCN  tsan_cli_opt: invalid ";
     const std::string seek = "@ (ERR)  FSCN  fseek(, ";
-    const struct {
-        std::vector<std::string> args;
-        int status;
-        std::string err;
-    } cases[] = {
-        {{"-s", "0", "-?", "-V"}, 1, help},
-        {{"-V", "-?"}, 1, "BANNER\n"},
-        {{"-X"}, 1, name + ": invalid option -- 'X'\n" + help},
-        {{"-vtZ"}, 2, "Expecting argument after the options.\n" + help},
-        {{"--maxskip", "100001", file}, 34, "-S value is too small/big\n" + exit_line(34)},
-        {{"--from", "abc", file}, 34, "Bad -r value (0)\n" + exit_line(34)},
-        {{"-Y", "local8", file}, 22, "Invalid/un-supported syslog facility: local8\n"},
-        {{"-A", "pcr_freq=-1", file}, 22, cli + "parameter value: -1/-1\n" + exit_line(22)},
-        {{"--analyze", "x", file}, 22, cli + "option string format: x\n" + exit_line(22)},
-        {{"-s", "0", "-C", "/none"}, 2, "Failed to load [/none]\n" + exit_line(2)},
-        {{"-r", "9223372036854775807", file}, 2, seek + "9223372036854775807, SEEK_SET) ERROR(75"},
-        {{"-r", "3", "/dev/stdin"}, 2, seek + "376, SEEK_SET) ERROR(29): Illegal seek\n"},
-        {{"/none"}, 0, "Cannot open [/none]: No such file or directory\n" + exit_line(0)},
+    const std::tuple<std::string, int, std::string> cases[] = {
+        {"-s 0 '-?' -V", 1, help},
+        {"-V '-?'", 1, "BANNER\n"},
+        {"-X", 1, "orvscan: invalid option -- 'X'\n" + help},
+        {"-vtZ", 2, "Expecting argument after the options.\n" + help},
+        {"--maxskip 100001 null.ts", 34, "-S value is too small/big\n" + exit_line(34)},
+        {"--from abc null.ts", 34, "Bad -r value (0)\n" + exit_line(34)},
+        {"-Y local8 null.ts", 22, "Invalid/un-supported syslog facility: local8\n"},
+        {"-A pcr_freq=-1 null.ts", 22, cli + "parameter value: -1/-1\n" + exit_line(22)},
+        {"--analyze x null.ts", 22, cli + "option string format: x\n" + exit_line(22)},
+        {"-s 0 -C /none", 2, "Failed to load [/none]\n" + exit_line(2)},
+        {"-r 9223372036854775807 null.ts", 2, seek + "9223372036854775807, SEEK_SET) ERROR(75"},
+        {"-r 3 /dev/stdin", 2, seek + "376, SEEK_SET) ERROR(29): Illegal seek\n"},
+        {"/none", 0, "Cannot open [/none]: No such file or directory\n" + exit_line(0)},
     };
-    for (const auto &c : cases) {
-        const run_result result = orvscan(c.args);
-        EXPECT_EQ(result.status, c.status) << c.err;
-        EXPECT_THAT(result.err, StartsWith(c.err));
-        EXPECT_EQ(result.out, "");
-    }
+    for (const auto &[args, status, err] : cases)
+        EXPECT_THAT(comparable(shell("exec orvscan " + args)), ends(status, "", StartsWith(err)));
 }
 
 TEST_F(program, settings_in_three_layers)
 {
-    const std::string off = dir.file("off", "orv: {stream_analyzer: {max_ndat_pcount = 5;};};");
-    const std::string plain = dir.file("plain", "orv: {stream_analyzer: {enabled = true;};};");
-    const std::string full = dir.file("full", R"(orv: { stream_analyzer: { enabled = true;
+    dir.file("off", "orv: {stream_analyzer: {max_ndat_pcount = 5;};};");
+    dir.file("plain", "orv: {stream_analyzer: {enabled = true;};};");
+    dir.file("full", R"(orv: { stream_analyzer: { enabled = true;
         source_tag = "tag"; access_log_alerts = true; max_skipped_pkts = "2K";
         max_pdts_delta_ms = 0; max_pcr_delta_ms = 70; pcr_freq_ms = "1kb"; dump_stats_period = true;
         max_ndat_pcount = 8; cc: { track = true; max_zreset_time = 2147484; };
         track: { sdt_ignore = true; }; pcr_update = true; pat_diff = true; }; };)");
     // The values that a dump shows.
-    const std::string none = " no no no no no no no no no yes ";
-    const struct {
-        std::vector<std::string> args;
-        std::string values;
-    } cases[] = {
-        {{}, "[" + file + "] 5000 0 yes 30 (ms)" + none},
-        {{"-C", plain}, "[" + file + "] 9000 10000 500 (ms) yes 30 (ms)" + none},
-        {{"-C", off}, "analyzer: disabled "},
-        {{"-C", full},
-         "[tag] 2048 8 70 (ms) 1024 (ms) yes -2147483296 (ms) no no no no yes no "
-         "no yes YES yes "},
-        {{"-s", "10", "-S", "cli", "-a", "yes", "-k", "cc_tpmt_d", "-A", "max_zreset_time=2", "-A",
-          "pdts_delta= 500x", "-A", "foo=5", "--config", full},
-         "[cli] 10 8 500 (ms) 70 (ms) 1024 (ms) yes 2 (ms) no no no no no yes yes yes no "
-         "yes "},
-        {{"-A", "ON", "-A", "cc_track=0", "-H", "--track", "all", "--alerts", "ON", "-S",
-          std::string(70, 's'), "-C", off},
-         "[" + std::string(63, 's') + "] 5000 0 no yes yes yes yes yes no no no YES NO "},
+    const std::string none = " no no no no no no no no no yes ", long_tag(70, 's');
+    const std::pair<std::string, std::string> cases[] = {
+        {"", "[null.ts] 5000 0 yes 30 (ms)" + none},
+        {"-C plain", "[null.ts] 9000 10000 500 (ms) yes 30 (ms)" + none},
+        {"-C off", "analyzer: disabled "},
+        {"-C full", "[tag] 2048 8 70 (ms) 1024 (ms) yes -2147483296 (ms) no no no no yes no "
+                    "no yes YES yes "},
+        {"-s 10 -S cli -a yes -k cc_tpmt_d -A max_zreset_time=2 -A 'pdts_delta= 500x' -A foo=5 "
+         "--config full",
+         "[cli] 10 8 500 (ms) 70 (ms) 1024 (ms) yes 2 (ms) no no no no no yes yes yes no yes "},
+        {"-A ON -A cc_track=0 -H --track all --alerts ON -C off -S " + long_tag,
+         "[" + long_tag.substr(7) + "] 5000 0 no yes yes yes yes yes no no no YES NO "},
     };
-    setenv("SHOW_ORV_CFG", "", 1);
-    for (auto [args, values] : cases) {
-        args.insert(args.end(), {file, "/ignored"});
-        const std::string err = orvscan(args).err, dump = err.substr(0, err.find('@'));
+    for (const auto &[args, values] : cases) {
+        const std::string line = "SHOW_ORV_CFG= orvscan " + args + " null.ts /ignored";
+        const std::string err = unstamped(shell(line).err), dump = err.substr(0, err.find('@'));
         std::string found =
             std::regex_replace(dump, std::regex("analyzer: \n|\t[^\\[\n]*:  +"), "");
         replace_all(&found, "\n", " ");
         EXPECT_EQ(found, values);
     }
-    unsetenv("SHOW_ORV_CFG");
 }
 
 // A socket of the test's own stands at /dev/log, in a mount namespace of the run's own.

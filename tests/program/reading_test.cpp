@@ -15,29 +15,26 @@ using namespace testing;
 
 TEST_F(program, counts_records)
 {
-    const struct {
-        int packets;
-        std::vector<std::string> args;
-        std::string read, processed;
-        int bad_sync = -1;
-        int status = 0;
-    } cases[] = {{0, {}, "0/0", "0/0"},
-                 {250, {}, "47000/250", "250/0"},
-                 {1000, {"-m", "10"}, "18800/10", "11/0"},
-                 {1000, {"-m", "100"}, "37600/100", "101/0"},
-                 {101, {"-r", "2"}, "18800/100", "100/0"},
-                 {101, {"-r", "1000"}, "0/0", "0/0"},
-                 {350, {}, "37600/149", "150/0", 149, 2},
-                 {1, {}, "188/0", "1/0", 0, 2}};
-    for (auto [packets, args, read, processed, bad_sync, status] : cases) {
+    // Packets, and good ones in front when one is bad; what was read and processed; the status.
+    const std::tuple<int, int, std::string, std::string, std::string, int> cases[] = {
+        {0, -1, "", "0/0", "0/0", 0},
+        {250, -1, "", "47000/250", "250/0", 0},
+        {1000, -1, "-m 10", "18800/10", "11/0", 0},
+        {1000, -1, "-m 100", "37600/100", "101/0", 0},
+        {101, -1, "-r 2", "18800/100", "100/0", 0},
+        {101, -1, "-r 1000", "0/0", "0/0", 0},
+        {350, 149, "", "37600/149", "150/0", 2},
+        {1, 0, "", "188/0", "1/0", 2},
+    };
+    for (const auto &[packets, bad, args, read, processed, status] : cases) {
         std::string text = null_text(packets) + std::string(187, 'G');
-        if (bad_sync >= 0)
-            text[static_cast<size_t>(bad_sync) * PKT_SIZE] = 'H';
+        if (bad >= 0)
+            text[static_cast<size_t>(bad) * PKT_SIZE] = 'H';
         dir.file("null.ts", text);
-        args.insert(args.end(), {"-v", file});
-        const run_result result = orvscan(args);
-        EXPECT_THAT(result.err, HasSubstr("  " + read + " bytes/records read from [" + file +
-                                          "]\ntsan_stats BEGIN\n\tProcessed/analyzed             " +
+        const run_result result = comparable(shell("exec orvscan -v " + args + " null.ts"));
+        EXPECT_THAT(result.err, HasSubstr("  " + read +
+                                          " bytes/records read from [null.ts]\n"
+                                          "tsan_stats BEGIN\n\tProcessed/analyzed             " +
                                           processed + "\n"));
         EXPECT_THAT(result.err, EndsWith("\ntsan_stats END\n" + exit_line(status)));
         EXPECT_EQ(result.out, "\n");
@@ -107,38 +104,29 @@ TEST(capture, that_changes_its_size)
 
 TEST_F(program, reports_a_read_that_fails)
 {
-    const run_result result = orvscan({"-v", dir.path()});
-    EXPECT_THAT(result.err,
-                HasSubstr("(ERR)  FSCN  read([" + dir.path() + "]) ERROR(21): Is a directory\n"));
-    EXPECT_THAT(result.err, HasSubstr("  0/0 bytes/records read from"));
-    EXPECT_THAT(result.err, EndsWith("tsan_stats END\n" + exit_line(0)));
+    EXPECT_THAT(comparable(shell("exec orvscan -v .")).err,
+                AllOf(HasSubstr("(ERR)  FSCN  read([.]) ERROR(21): Is a directory\n"),
+                      HasSubstr("  0/0 bytes/records read from"),
+                      EndsWith("tsan_stats END\n" + exit_line(0))));
 }
 
 // Each of the standard descriptors open or closed.
 TEST_F(program, runs_without_standard_descriptors)
 {
     const run_result whole = orvscan({"-aon", file});
-    for (const std::string in : {"", "0<&- "}) {
-        for (const std::string out : {"", "1>&- "}) {
-            for (const std::string err : {"", "2>&- "}) {
-                const std::string closing = in + out + err;
-                const run_result result = comparable(run_process(
-                    {"sh", "-c", "exec \"$@\" " + closing, "sh", ORVSCAN_PROGRAM, "-aon", file}));
-                EXPECT_EQ(result.status, 0) << closing;
-                EXPECT_EQ(result.out, out.empty() ? whole.out : "") << closing;
-                EXPECT_EQ(result.err, err.empty() ? whole.err : "") << closing;
-            }
-        }
+    for (const std::string closing :
+         {"0<&-", "1>&-", "2>&-", "0<&- 1>&-", "0<&- 2>&-", "1>&- 2>&-", "0<&- 1>&- 2>&-"}) {
+        const run_result result = comparable(shell("exec orvscan -aon $PWD/null.ts " + closing));
+        EXPECT_THAT(result, ends(0, closing.find('1') == std::string::npos ? whole.out : "",
+                                 closing.find('2') == std::string::npos ? whole.err : ""))
+            << closing;
     }
 }
 
 TEST_F(program, goes_on_when_nothing_can_be_written)
 {
-    for (const std::string redirection : {">/dev/full", "2>/dev/full", ">/dev/full 2>&1"}) {
-        const std::string command = "exec \"$@\" " + redirection;
-        EXPECT_EQ(run_process({"sh", "-c", command, "sh", ORVSCAN_PROGRAM, "-aon", file}).status,
-                  0);
-    }
+    for (const std::string redirection : {">/dev/full", "2>/dev/full", ">/dev/full 2>&1"})
+        EXPECT_EQ(shell("exec orvscan -aon null.ts " + redirection).status, 0) << redirection;
 }
 
 // As usual in pipelines: it ends where nobody reads its alerts any more.
@@ -147,8 +135,7 @@ TEST_F(program, ends_with_the_reader_of_its_output)
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
     close(ends[0]);
-    const std::string command = "exec \"$@\" >&" + std::to_string(ends[1]);
-    EXPECT_EQ(run_process({"sh", "-c", command, "sh", ORVSCAN_PROGRAM, file}).status, -SIGPIPE);
+    EXPECT_EQ(shell("exec orvscan null.ts >&" + std::to_string(ends[1])).status, -SIGPIPE);
     close(ends[1]);
 }
 
@@ -159,16 +146,15 @@ TEST_F(program, says_so_without_memory)
         GTEST_SKIP() << "the sanitizer has allocations of its own";
     capture_builder c;
     c.pat({{1, 0x100}});
-    const std::string capture = dir.file("c.ts", c.text());
+    dir.file("c.ts", c.text());
     dir.file("part", "source_tag = \"a tag too long to be kept in the text itself\";\n");
-    const std::string settings =
-        dir.file("settings", "orv: {stream_analyzer: {enabled = true;\n@include \"" +
-                                 dir.path("part") + "\"\n};};\n");
+    dir.file("settings", "orv: {stream_analyzer: {enabled = true;\n@include \"" + dir.path("part") +
+                             "\"\n};};\n");
     std::map<int, int> ends;
     for (int number = 1; number <= 40; ++number) {
-        const run_result run = comparable(run_process(
-            {"env", "LD_PRELOAD=" ORVSCAN_FAIL_ALLOC, "FAIL_ALLOC=" + std::to_string(number),
-             ORVSCAN_PROGRAM, "-C", settings, "-A", "pcr_freq=1", capture}));
+        const run_result run =
+            comparable(shell("exec env LD_PRELOAD=" ORVSCAN_FAIL_ALLOC " FAIL_ALLOC=" +
+                             std::to_string(number) + " orvscan -C settings -A pcr_freq=1 c.ts"));
         ++ends[run.status];
         EXPECT_THAT(run.err, EndsWith(exit_line(run.status))) << number;
         if (run.status == ENOMEM) {
