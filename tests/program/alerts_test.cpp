@@ -60,8 +60,8 @@ TEST(alerts, of_a_damaged_sample_are_the_expected_and_no_more)
 TEST(alerts, of_undamaged_samples_are_none)
 {
     for (const std::string name : {"single", "two_programmes"}) {
-        const std::string capture = ORVSCAN_TESTS "/../samples/" + name + ".ts";
-        run_result run = orvscan({"-v", capture});
+        const std::string capture = name + ".ts", line = "exec orvscan -v " + capture;
+        run_result run = comparable(run_shell(ORVSCAN_TESTS "/../samples", line));
         replace_all(&run.err, capture, "CAPTURE");
         EXPECT_EQ(run.out + run.err, expected(name));
     }
