@@ -4,8 +4,6 @@
 
 #include <libtarnlink/lard.h>
 
-#include <gtest/gtest.h>
-
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -34,12 +32,10 @@ struct lard_cat : testing::Test {
         } else {
             waitpid(writer, nullptr, 0);
         }
-        const run_result result = run_process({LARD_CAT_PROGRAM, name});
-        EXPECT_EQ(result.status, 0);
-        EXPECT_EQ(result.out, "last words\n");
-        EXPECT_EQ(result.err, "lard_cat: writer " +
-                                  std::to_string(writer == 0 ? getpid() : writer) + ": " + state +
-                                  ", temperature 3\n");
+        const std::string pid = std::to_string(writer == 0 ? getpid() : writer);
+        EXPECT_THAT(run_process({LARD_CAT_PROGRAM, name}),
+                    ends(0, "last words\n",
+                         "lard_cat: writer " + pid + ": " + state + ", temperature 3\n"));
         if (ring != nullptr)
             lard_close(ring);
     }
@@ -60,12 +56,7 @@ TEST_F(lard_cat, shows_a_crashed_writers_ring)
 
 TEST_F(lard_cat, says_what_is_missing)
 {
-    const run_result nothing = run_process({LARD_CAT_PROGRAM, name});
-    EXPECT_EQ(nothing.status, 1);
-    EXPECT_EQ(nothing.out, "");
-    EXPECT_NE(nothing.err.find("lard_cat: no shared-memory log [" + name + "] to read\n"),
-              std::string::npos);
-    const run_result usage = run_process({LARD_CAT_PROGRAM});
-    EXPECT_EQ(usage.status, 1);
-    EXPECT_EQ(usage.err, "usage: lard_cat NAME\n");
+    const std::string missing = "lard_cat: no shared-memory log [" + name + "] to read\n";
+    EXPECT_THAT(run_process({LARD_CAT_PROGRAM, name}), ends(1, "", testing::HasSubstr(missing)));
+    EXPECT_THAT(run_process({LARD_CAT_PROGRAM}), ends(1, "", "usage: lard_cat NAME\n"));
 }

@@ -21,7 +21,8 @@ constexpr unsigned AUDIO = 0x102;
 
 // A host that listens on a free port of the loopback address, and the sender of its datagrams.
 struct live_host {
-    explicit live_host(std::vector<std::string> args = {}) : program(command(std::move(args)))
+    explicit live_host(const std::string &options = "")
+        : program({"sh", "-c", "exec '" UDP_HOST_PROGRAM "' " + options + " 127.0.0.1 0"})
     {
         const std::string listening = "listening on 127.0.0.1:";
         program.says(listening);
@@ -36,11 +37,10 @@ struct live_host {
     }
     ~live_host() { close(socket); }
 
-    static std::vector<std::string> command(std::vector<std::string> args)
+    void add(int video, int audio)
     {
-        args.insert(args.begin(), UDP_HOST_PROGRAM);
-        args.insert(args.end(), {"127.0.0.1", "0"});
-        return args;
+        c.payload(VIDEO, video);
+        c.payload(AUDIO, audio);
     }
     // Sends what was added to `c` since the last datagram, less `cut` bytes at its front.
     void send(size_t cut = 0)
@@ -62,16 +62,13 @@ struct live_host {
 // A datagram is lost with one packet of each stream: one event. In the last one the streams differ.
 TEST(udp_host, correlates_losses_and_stops_by_itself)
 {
-    live_host host({"-n", "9"});
-    host.c.payload(VIDEO);
-    host.c.payload(AUDIO);
+    live_host host("-n 9");
+    host.add(1, 1);
     host.send();
     for (const auto &[video, audio] : {std::pair{1, 1}, {2, 1}}) {
-        host.c.payload(VIDEO, video);
-        host.c.payload(AUDIO, audio);
+        host.add(video, audio);
         host.lose();
-        host.c.payload(VIDEO);
-        host.c.payload(AUDIO);
+        host.add(1, 1);
         host.send();
     }
     host.c.payload(VIDEO, 7); // one is taken, then it is enough
@@ -92,8 +89,7 @@ TEST(udp_host, finds_packets_again_in_damaged_datagrams)
 {
     live_host host;
     host.send();
-    host.c.payload(VIDEO);
-    host.c.payload(VIDEO);
+    host.c.payload(VIDEO, 2);
     host.c.last(0) = 0x46; // the middle one of three
     host.c.payload(AUDIO);
     host.send();
@@ -120,7 +116,7 @@ TEST(udp_host, finds_packets_again_in_damaged_datagrams)
 // Two reports come while nothing arrives, the second without values of its own; then the last one.
 TEST(udp_host, reports_in_time_and_on_a_signal)
 {
-    live_host host({"-p", "1"});
+    live_host host("-p 1");
     host.c.pcr(VIDEO, 90000);
     host.c.pcr(VIDEO, 91800);
     host.send();
