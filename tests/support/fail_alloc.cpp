@@ -35,36 +35,22 @@ bool fails(const void *caller)
     return --g_left == 0;
 }
 
-char *copy_for(const void *caller, const char *text)
+char *copy_of(const char *text)
 {
     const size_t size = strlen(text) + 1;
-    void *copy = fails(caller) ? nullptr : __libc_malloc(size);
+    void *copy = __libc_malloc(size);
     return copy == nullptr ? nullptr : static_cast<char *>(memcpy(copy, text, size));
 }
 
 } // namespace
 
-extern "C" void *malloc(size_t size)
-{
-    return fails(__builtin_return_address(0)) ? nullptr : __libc_malloc(size);
-}
+#define FAILS fails(__builtin_return_address(0))
 
-extern "C" void *calloc(size_t count, size_t size)
-{
-    return fails(__builtin_return_address(0)) ? nullptr : __libc_calloc(count, size);
-}
+extern "C" {
 
-extern "C" void *realloc(void *old, size_t size)
-{
-    return fails(__builtin_return_address(0)) ? nullptr : __libc_realloc(old, size);
-}
-
-extern "C" char *strdup(const char *text) noexcept
-{
-    return copy_for(__builtin_return_address(0), text);
-}
-
-extern "C" char *__strdup(const char *text) noexcept
-{
-    return copy_for(__builtin_return_address(0), text);
+void *malloc(size_t size) { return FAILS ? nullptr : __libc_malloc(size); }
+void *calloc(size_t count, size_t size) { return FAILS ? nullptr : __libc_calloc(count, size); }
+void *realloc(void *old, size_t size) { return FAILS ? nullptr : __libc_realloc(old, size); }
+char *strdup(const char *text) noexcept { return FAILS ? nullptr : copy_of(text); }
+char *__strdup(const char *text) noexcept { return FAILS ? nullptr : copy_of(text); }
 }
