@@ -52,11 +52,9 @@ TEST(road, a_pid_means_its_first_pmt_slot_then_the_first_stream)
     e.c.pmt(0x200,
             {.pcr_pid = 0x201, .streams = {{0x1b, 0x201}, {0x0f, 0x300}, {3, 0x100}, {3, 17}}});
     e.c.pmt(0x100, {.pcr_pid = 0x101, .streams = {{0x0f, 0x300}, {0x1b, 0x101}, {0x04, 0x300}}});
-    const struct {
-        unsigned pid;
-        std::string tag;
-    } cases[] = {{0, "PAT[4]"},     {0x100, "0:M[5]"}, {0x200, "1:M[6]"},   {0x300, "0:0[7]"},
-                 {0x101, "0:1[8]"}, {0x201, "1:0[9]"}, {0x1fff, "pkt[10]"}, {17, "1:3[11]"}};
+    const std::pair<unsigned, std::string> cases[] = {
+        {0, "PAT[4]"},     {0x100, "0:M[5]"}, {0x200, "1:M[6]"},   {0x300, "0:0[7]"},
+        {0x101, "0:1[8]"}, {0x201, "1:0[9]"}, {0x1fff, "pkt[10]"}, {17, "1:3[11]"}};
     for (const auto &[pid, tag] : cases) {
         e.c.packet(pid, {.has_payload = false});
         e.feed();

@@ -15,14 +15,13 @@ struct journey {
 
     unsigned any(unsigned below) { return static_cast<unsigned>(random() % below); }
     bool one_in(unsigned n) { return any(n) == 0; }
-    void act(enum road_step::act a) { acts.emplace_back(c.count(), a); }
+    void act(enum road_step::act a) { acts.emplace(c.count(), a); }
     std::vector<road_step> steps() const
     {
         std::vector<road_step> all;
-        size_t next = 0;
         for (size_t i = 0; i <= c.count(); ++i) {
-            for (; next < acts.size() && acts[next].first == i; ++next)
-                all.push_back({.act = acts[next].second});
+            for (auto [it, end] = acts.equal_range(i); it != end; ++it)
+                all.push_back({.act = it->second});
             if (i < c.count())
                 all.push_back({.pkt = c.at(i)});
         }
@@ -30,7 +29,7 @@ struct journey {
     }
 
     capture_builder c;
-    std::vector<std::pair<size_t, enum road_step::act>> acts; // before that packet
+    std::multimap<size_t, enum road_step::act> acts; // before that packet
     std::mt19937 random;
     bool has_programs = false; // what the latest PAT lists; two empty ones would end the process
     uint64_t clock = 900000;
@@ -106,8 +105,7 @@ void add_any(journey *j)
     case 2:
         return add_pmt(j);
     case 3: // repeated tables
-        j->c.raw({j->c.at(0), j->c.at(2)});
-        return;
+        return j->c.raw({j->c.at(0), j->c.at(2)});
     case 4:
     case 5:
     case 6:

@@ -54,23 +54,19 @@ TEST(tables, a_pat_list_ends_at_its_zero)
 
 TEST(tables, what_leaves_nothing_to_analyse_ends_the_process)
 {
-    const struct {
-        std::vector<pat_entry> pat;
-        unsigned pcr_pid;
-        const char *broken;
-    } cases[] = {
+    const std::tuple<std::vector<pat_entry>, unsigned, const char *> cases[] = {
         {{}, 1, "pat.cpp: process_PAT: invariant `tc->nprogs' broken"},
         {{{1, 0}}, 1, "process_PAT: invariant `tc->pmt_pid.tc->nprogs.' broken"},
         {{{1, 0x100}}, 0, "process_PMT: invariant `prog.tc.->pcr_pid' broken"},
         {{{1, 0x100}}, 1, "merge_PATs: invariant `tc->nprogs < MAX_PMTS' broken"},
     };
-    for (const auto &test : cases) {
+    for (const auto &[pat, pcr_pid, broken] : cases) {
         engine e;
-        e.c.pat(test.pat);
-        e.c.pmt(0x100, {.pcr_pid = test.pcr_pid});
+        e.c.pat(pat);
+        e.c.pmt(0x100, {.pcr_pid = pcr_pid});
         for (unsigned i = 0; i < 32; ++i) // one programme goes, 32 come
             e.c.pat({{i + 1, 0x200 + i}}, {.version = 1, .section = i, .last_section = 31});
-        EXPECT_DEATH(e.feed(), test.broken);
+        EXPECT_DEATH(e.feed(), broken);
     }
 }
 
