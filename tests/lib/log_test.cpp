@@ -148,22 +148,19 @@ TEST_F(logger, a_handlers_statements_leave_the_outer_line_whole)
         log_set_pfx(log, "pfx");
         log_timefmt(log, f_RAW_TIME);
     }
-    const std::string stamp = "pfx  1772366400.000000 ", tag = "(NRM)  ";
-    const auto expect = [&](const std::string &lines, const std::string &access_lines) {
-        EXPECT_EQ(app.take(), lines);
-        EXPECT_EQ(access.take(), access_lines);
-    };
-    const std::string inner = stamp + tag + "inner\n", access_inner = stamp + "inner\n";
+    const auto written = [this] { return app.take() + "|" + access.take(); };
+    const std::string stamp = "pfx  1772366400.000000 ", inner = stamp + "(NRM)  inner\n",
+                      outer = stamp + "(NRM)  outer\n", access_inner = "|" + stamp + "inner\n";
     is_due = true;
     LOG_STMT(NORM_level, "outer\n");
-    expect(inner + stamp + tag + "outer\n", access_inner);
+    EXPECT_EQ(written(), inner + outer + access_inner);
     is_due = true;
     log_access("outer\n");
-    expect(inner, access_inner + stamp + "outer\n");
+    EXPECT_EQ(written(), inner + access_inner + stamp + "outer\n");
     logbuf_prepare(&g_log, NORM_level, "outer\n");
     raise(SIGUSR1);
     log_flush(&g_log, NORM_level);
-    expect(inner + stamp + tag + "outer\n", access_inner);
+    EXPECT_EQ(written(), inner + outer + access_inner);
     signal(SIGUSR1, SIG_DFL);
 }
 

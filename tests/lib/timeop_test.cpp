@@ -124,20 +124,17 @@ TEST_F(timeop, reads_time_strings_back)
 
 TEST_F(timeop, ticks_wrap)
 {
-    const struct {
-        uint32_t last, tmout, now;
-        bool over;
-    } ticks[] = {{0, 9, 1, true},
-                 {5, 3, 7, false},
-                 {5, 3, 8, true},
-                 {UINT32_MAX, 2, 1, false},
-                 {UINT32_MAX, 2, 2, true}};
-    for (const auto &t : ticks) {
-        tspan last{TSPAN_TICKS, {}}, tmout{TSPAN_TICKS, {}};
-        set_tspan(&last, nullptr, t.last);
-        set_tspan(&tmout, nullptr, t.tmout);
-        EXPECT_EQ(tspan_timed_out(&last, &tmout, nullptr, t.now), t.over) << t.last << " " << t.now;
-    }
+    const auto over = [](uint32_t last, uint32_t tmout, uint32_t now) {
+        tspan last_span{TSPAN_TICKS, {}}, tmout_span{TSPAN_TICKS, {}};
+        set_tspan(&last_span, nullptr, last);
+        set_tspan(&tmout_span, nullptr, tmout);
+        return tspan_timed_out(&last_span, &tmout_span, nullptr, now);
+    };
+    EXPECT_TRUE(over(0, 9, 1));
+    EXPECT_FALSE(over(5, 3, 7));
+    EXPECT_TRUE(over(5, 3, 8));
+    EXPECT_FALSE(over(UINT32_MAX, 2, 1));
+    EXPECT_TRUE(over(UINT32_MAX, 2, 2));
 }
 
 TEST_F(timeop, spans_and_dates)
