@@ -31,10 +31,9 @@ struct orvreport : Test {
     // Parses outputs, and JSON Lines by the schema too. What the checker says, or its complaint.
     std::string checked(const std::string &names) const
     {
-        return shell("python3 " ORVSCAN_ROOT "/tests/report/check_outputs.py " ORVSCAN_ROOT
-                     "/docs/orvreport.schema.json 2>&1 " +
-                     names)
-            .out;
+        const std::string root = ORVSCAN_ROOT, script = root + "/tests/report/check_outputs.py",
+                          schema = root + "/docs/orvreport.schema.json";
+        return shell("python3 '" + script + "' '" + schema + "' 2>&1 " + names).out;
     }
 
     const temp_dir dir;
