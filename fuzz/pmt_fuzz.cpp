@@ -42,8 +42,10 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 
     pmt_section pmt({bytes.get(), len});
     pmt_entry entry{};
-    for (unsigned j = 0; j < MAX_PMT_ENTRIES && get_pmt_entry(&pmt, j, &entry); ++j)
+    for (unsigned j = 0; j < MAX_PMT_ENTRIES && get_pmt_entry(&pmt, j, &entry); ++j) {
         fputs(streamtype_name(entry.stream_type), null_stream());
+        get_pmt_hints(&pmt, j);
+    }
     ctxt_spec text;
     if (open_ctxt(&text, MAX_PMT_TXT) != 0)
         return 0;

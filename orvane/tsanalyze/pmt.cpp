@@ -38,12 +38,11 @@ stream_class class_of(char stype)
 
 // Class letter by the standard's rules: audio too when descriptors say so. HDMV's own audio types
 // are 0x80 to 0x86, 0xA1 and 0xA2.
-char class_by_standard(const pmt_entry &entry)
+char class_by_standard(uint8_t type, const pmt_hints &hints)
 {
-    const uint8_t type = entry.stream_type;
     const bool is_hdmv_audio =
-        entry.is_hdmv && ((type >= 0x80 && type <= 0x86) || type == 0xA1 || type == 0xA2);
-    if (is_hdmv_audio || (type == 0x06 && entry.has_audio_descriptor))
+        hints.is_hdmv && ((type >= 0x80 && type <= 0x86) || type == 0xA1 || type == 0xA2);
+    if (is_hdmv_audio || (type == 0x06 && hints.has_audio_descriptor))
         return 'A';
     switch (type) {
     case 0x2D: // MPEG-H audio, main stream
@@ -94,12 +93,13 @@ int add_stream_of_class(tsan_ctx *tc, uint32_t pid, uint8_t scode, char stype)
     return static_cast<int>(idx);
 }
 
-int add_pmt_stream(tsan_ctx *tc, const pmt_entry &entry)
+int add_pmt_stream(tsan_ctx *tc, pmt_section *pld, unsigned j, const pmt_entry &entry)
 {
     LOG_STMT(INFO_level, "[%s] ADD (pid=%u, type=%u) [%s]\n", tc->cfg.source, entry.pid,
              entry.stream_type, streamtype_name(entry.stream_type));
-    const char stype =
-        tc->iso != nullptr ? class_by_standard(entry) : code2stype(entry.stream_type);
+    const char stype = tc->iso != nullptr
+                           ? class_by_standard(entry.stream_type, get_pmt_hints(pld, j))
+                           : code2stype(entry.stream_type);
     return add_stream_of_class(tc, entry.pid, entry.stream_type, stype);
 }
 
@@ -227,7 +227,7 @@ void process_PMT(tsan_ctx *tc, std::span<const uint8_t> bytes, uint32_t pid)
     size_t count = 0;
     pmt_entry entry{};
     for (unsigned j = 0; j < MAX_PMT_ENTRIES && get_pmt_entry(&pld, j, &entry); ++j)
-        if (add_pmt_stream(tc, entry) != -1)
+        if (add_pmt_stream(tc, &pld, j, entry) != -1)
             ++count;
     rebuild_pid_slots(tc);
     LOG_STMT(INFO_level, "Added %zu streams from PMT (pid%u) at %s\n", count, pid,

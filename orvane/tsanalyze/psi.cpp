@@ -16,34 +16,37 @@ char *copy_bytes(void * /*opaque*/, const char * /*encoding*/, char *string, siz
     return strndup(string, length);
 }
 
-// Whether a loop holds a descriptor of a kind of audio in private data (ETSI EN 300 468, annex D).
-bool has_audio_descriptor(uint8_t *descs)
+// Whether one of the descriptors of a PMT's loop is as asked for. In one pass: the library looks
+// for each descriptor from the start of the loop again.
+template <typename Predicate>
+bool any_descriptor(uint8_t *descs, Predicate is_asked_for)
+{
+    const uint8_t *desc = descs + DESCS_HEADER_SIZE;
+    const uint8_t *end = desc + descs_get_length(descs);
+    for (; end - desc >= DESC_HEADER_SIZE; desc += DESC_HEADER_SIZE + desc_get_length(desc))
+        if (is_asked_for(desc))
+            return true;
+    return false;
+}
+
+// Whether a descriptor is of a kind of audio in private data (ETSI EN 300 468, annex D).
+bool is_of_audio(const uint8_t *desc)
 {
     constexpr uint8_t ac3 = 0x6a, eac3 = 0x7a, dts = 0x7b, aac = 0x7c;
     constexpr uint8_t extension = 0x7f, dts_hd = 0x0e, dts_neural = 0x0f, ac4 = 0x15,
                       dts_uhd = 0x21;
-    const uint8_t *desc = nullptr;
-    for (uint16_t n = 0; (desc = descs_get_desc(descs, n)) != nullptr; ++n) {
-        const uint8_t tag = desc_get_tag(desc);
-        if (tag == ac3 || tag == eac3 || tag == dts || tag == aac)
-            return true;
-        const uint8_t kind = tag == extension && desc_get_length(desc) > 0 ? desc[2] : 0;
-        if (kind == dts_hd || kind == dts_neural || kind == ac4 || kind == dts_uhd)
-            return true;
-    }
-    return false;
+    const uint8_t tag = desc_get_tag(desc);
+    const uint8_t kind = tag == extension && desc_get_length(desc) > 0 ? desc[2] : 0;
+    return tag == ac3 || tag == eac3 || tag == dts || tag == aac || kind == dts_hd ||
+           kind == dts_neural || kind == ac4 || kind == dts_uhd;
 }
 
-// Whether a loop holds a registration_descriptor (2.6.8) with this format_identifier.
-bool is_registered(uint8_t *descs, const char *format)
+// Whether a descriptor is a registration_descriptor (2.6.8) of "HDMV".
+bool is_of_hdmv(const uint8_t *desc)
 {
     constexpr uint8_t registration = 0x05;
-    const uint8_t *desc = nullptr;
-    for (uint16_t n = 0; (desc = descs_get_desc(descs, n)) != nullptr; ++n)
-        if (desc_get_tag(desc) == registration && desc_get_length(desc) >= 4 &&
-            memcmp(desc + DESC_HEADER_SIZE, format, 4) == 0)
-            return true;
-    return false;
+    return desc_get_tag(desc) == registration && desc_get_length(desc) >= 4 &&
+           memcmp(desc + DESC_HEADER_SIZE, "HDMV", 4) == 0;
 }
 
 } // namespace
@@ -205,10 +208,16 @@ bool get_pmt_entry(pmt_section *pmt, unsigned j, pmt_entry *entry)
     uint8_t *es = pmt_get_es(pmt->data(), static_cast<uint8_t>(j));
     if (es == nullptr)
         return false;
-    uint8_t *own = pmtn_get_descs(es);
-    *entry = {pmtn_get_pid(es), pmtn_get_streamtype(es), has_audio_descriptor(own),
-              is_registered(own, "HDMV") || is_registered(pmt_get_descs(pmt->data()), "HDMV")};
+    *entry = {pmtn_get_pid(es), pmtn_get_streamtype(es)};
     return true;
+}
+
+pmt_hints get_pmt_hints(pmt_section *pmt, unsigned j)
+{
+    uint8_t *own = pmtn_get_descs(pmt_get_es(pmt->data(), static_cast<uint8_t>(j)));
+    return {any_descriptor(own, is_of_audio),
+            any_descriptor(own, is_of_hdmv) ||
+                any_descriptor(pmt_get_descs(pmt->data()), is_of_hdmv)};
 }
 
 void print_pmt(pmt_section *pmt, ctxt_spec *text)

@@ -109,6 +109,10 @@ constexpr size_t MAX_SECTION_SIZE = 1024; // of a PAT or PMT, header and CRC inc
 struct pmt_entry {
     uint32_t pid;
     uint8_t stream_type;
+};
+
+// What descriptors tell of a stream besides.
+struct pmt_hints {
     bool has_audio_descriptor; // of ETSI EN 300 468: AC-3, E-AC-3, DTS, AAC, AC-4
     bool is_hdmv;              // the programme or the stream is registered as "HDMV"
 };
@@ -117,6 +121,8 @@ uint32_t pmt_pcr_pid(const pmt_section &pmt);
 
 // The j-th entry of a PMT; false past the last one.
 bool get_pmt_entry(pmt_section *pmt, unsigned j, pmt_entry *entry);
+
+pmt_hints get_pmt_hints(pmt_section *pmt, unsigned j); // of an entry that is there
 
 // Prints a PMT into a snapshot.
 void print_pmt(pmt_section *pmt, ctxt_spec *text);

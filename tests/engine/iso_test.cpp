@@ -234,6 +234,35 @@ TEST(iso, tables_are_used_when_whole_and_true)
     EXPECT_EQ(lines_with(e.alerts(), "PMT-DIFF src 256 21 21 257 0:M[").size(), 1u);
 }
 
+TEST(iso, streams_are_classed_by_descriptors_too)
+{
+    const octets hdmv{5, 4, 'H', 'D', 'M', 'V'}, eng{0x0a, 4, 'e', 'n', 'g', 0};
+    octets late = eng;
+    late.insert(late.end(), {0x7a, 1, 0});
+    const auto classes = [](const pmt_fields &pmt) {
+        engine e(by(true));
+        e.c.pat({{1, 0x100}});
+        e.c.sections(0x100, {make_pmt_section(pmt)});
+        e.feed();
+        std::string letters;
+        for (const stream_info &si : std::span(e.t->pg[0].stm, e.t->pg[0].nstreams))
+            letters += si.stype;
+        return letters;
+    };
+    const std::vector<es_entry> streams{{0x06, 0x101, eng},
+                                        {0x06, 0x102, late},
+                                        {0x06, 0x103, {0x7f, 1, 0x15}},
+                                        {0x06, 0x104, {0x7f, 0}},
+                                        {0x06, 0x105, {0x7f, 1, 2}},
+                                        {0x2d, 0x106},
+                                        {0x33, 0x107},
+                                        {0x80, 0x108},
+                                        {0x80, 0x109, hdmv},
+                                        {0xa2, 0x10a, {5, 2, 'H', 'D'}}};
+    EXPECT_EQ(classes({.streams = streams}), "SAASSAVA");
+    EXPECT_EQ(classes({.descriptors = hdmv, .streams = streams}), "SAASSAVAAA");
+}
+
 TEST(iso, no_capture_ends_the_process)
 {
     engine e(by(true));
