@@ -42,7 +42,6 @@ inline tsan_config settings_of(std::span<const uint8_t> in)
     cfg.access_log_alerts = !bit(2);
     cfg.no_rlog = bit(3);
     cfg.iso_rules = bit(7);
-    cfg.iso_rules = bit(7);
     cfg.trk = {!bit(8), !bit(9), !bit(10), !bit(11), !bit(12), !bit(13), !bit(14), !bit(15)};
     cfg.max_skip_pkts = bit(4) ? 4 : 100000;
     cfg.max_pdts_delta = in[2];
