@@ -218,8 +218,8 @@ void share_counter(const dgram_info *dat, const stream_info &judged)
         verdict = judge_counter(tc, *judged);
         ++tc->atotal;
     }
-    const dgram_info *first = tc->dat;
-    for (const dgram_info *dat = first; dat != nullptr; dat = next_user_of(*dat)) {
+    const dgram_info &first = *tc->dat;
+    for (const dgram_info *dat = &first; dat != nullptr; dat = next_user_of(*dat)) {
         change_user(tc, dat);
         keep_account(tc, verdict == CC_REPEATED);
         if (dat->stream == judged && judged != nullptr && tc->cfg.is_enabled && tc->cfg.cc_track)
@@ -227,13 +227,13 @@ void share_counter(const dgram_info *dat, const stream_info &judged)
         if (dat->stream != nullptr)
             analyze_for_user(tc);
     }
-    change_user(tc, first);
+    change_user(tc, &first);
     if (judged == nullptr)
         return false;
     note_counter(tc, judged);
     const bool is_special = (tc->header & tc->shortcuts.special_bits) != 0;
-    if (next_user_of(*first) != nullptr)
-        share_counter(first, *judged);
+    if (next_user_of(first) != nullptr)
+        share_counter(&first, *judged);
     else if (!is_special && !judged->was_repeated)
         expect_plain(tc);
     return true;
