@@ -219,14 +219,16 @@ void share_counter(const dgram_info *dat, const stream_info &judged)
         ++tc->atotal;
     }
     const dgram_info &first = *tc->dat;
-    for (const dgram_info *dat = &first; dat != nullptr; dat = next_user_of(*dat)) {
+    const dgram_info *dat = &first;
+    do {
         change_user(tc, dat);
         keep_account(tc, verdict == CC_REPEATED);
         if (dat->stream == judged && judged != nullptr && tc->cfg.is_enabled && tc->cfg.cc_track)
             check_counter(tc, judged, verdict);
         if (dat->stream != nullptr)
             analyze_for_user(tc);
-    }
+        dat = next_user_of(*dat);
+    } while (dat != nullptr);
     change_user(tc, &first);
     if (judged == nullptr)
         return false;
