@@ -36,8 +36,11 @@ if(ORVSCAN_SANITIZE)
   target_link_options(orvscan_flags INTERFACE -fsanitize=${ORVSCAN_SANITIZE})
 endif()
 if(ORVSCAN_COVERAGE)
-  target_compile_options(orvscan_flags INTERFACE --coverage -O0)
+  # Signal handlers and children count, too.
+  target_compile_options(orvscan_flags INTERFACE --coverage -fprofile-update=atomic -O0)
   target_link_options(orvscan_flags INTERFACE --coverage)
+  target_sources(orvscan_flags INTERFACE
+    $<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:${CMAKE_SOURCE_DIR}/tests/support/write_counters.c>)
 endif()
 
 # Hardening of what is shipped, after the OpenSSF compiler guide.
