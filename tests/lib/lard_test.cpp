@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <numeric>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -229,6 +230,10 @@ TEST_F(lard, reader_survives_objects_that_shrink)
 
 TEST_F(lard, leaves_nothing_behind_when_it_cannot_be_made)
 {
+    rlimit limit{};
+    getrlimit(RLIMIT_FSIZE, &limit); // more than there is can be asked for only without one
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_FSIZE, &limit);
     const size_t room = std::filesystem::space("/dev/shm").capacity / page;
     const std::pair<size_t, const char *> cases[] = {
         {0, "create_data: ftruncate("},
