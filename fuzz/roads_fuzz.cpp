@@ -1,44 +1,9 @@
 // Packets along the short road and along the whole one: a user sees the same.
 
-#include "engine/two_roads.h"
-#include "fuzz.h"
-#include "packet_input.h"
+#include "fuzz/fuzz.h"
+#include "fuzz/road_input.h"
 
 #include <libtarnlink/invariant.h>
-
-#include <vector>
-
-namespace {
-
-// Longer inputs find nothing that shorter ones do not.
-constexpr size_t MOST_STEPS = 500;
-
-struct road_input {
-    std::vector<own_packet> packets;
-    std::vector<road_step> steps;
-};
-
-road_input steps_of(std::span<const uint8_t> in)
-{
-    road_input all;
-    while (all.steps.size() < MOST_STEPS) {
-        auto step = take_step(&in);
-        if (!step.has_value())
-            break;
-        if (step->pkt == nullptr) {
-            if (all.packets.empty()) // before it the context has no start to count from
-                continue;
-            const unsigned act = 1 + step->act % (road_step::ACT_COUNT - 1);
-            all.steps.push_back({.act = static_cast<enum road_step::act>(act)});
-            continue;
-        }
-        all.steps.push_back({.pkt = step->pkt->data()});
-        all.packets.push_back(std::move(step->pkt));
-    }
-    return all;
-}
-
-} // namespace
 
 // Takes the place of the library's: both roads break the same invariants.
 void invariant_failed(const char *expression, const char *, const char *)

@@ -1,10 +1,15 @@
-// The short road and the whole one leave the same behind.
+// The short road and the whole one leave the same behind, and what they left behind before.
 
 #include "engine/engine.h"
 #include "engine/two_roads.h"
+#include "fuzz/road_input.h"
+#include "support/kept.h"
+#include "support/lines.h"
 
-#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <libtarnlink/invariant.h>
 
+#include <filesystem>
 #include <random>
 
 namespace {
@@ -174,12 +179,27 @@ constexpr void (*HAND_MADE[])(capture_builder *) = {
     },
 };
 
+// Along both roads; `name` is kept with what they leave behind.
+void walk(const std::string &name, const tsan_config &cfg, std::span<const road_step> steps)
+{
+    static time_t start = 1000; // notices of the whole process are due again at each
+    static kept_texts kept(ORVSCAN_TESTS "/expected/roads.txt");
+    const std::string at_length = road_trip(cfg, steps, road::WHOLE, start += 10000);
+    ASSERT_EQ(road_trip(cfg, steps, road::SHORT, start += 10000), at_length) << name;
+    kept.compare(name, at_length);
+}
+
 } // namespace
+
+// Takes the place of the library's: inputs break the same invariants along both roads.
+void invariant_failed(const char *expression, const char *, const char *)
+{
+    throw broken_invariant{expression};
+}
 
 TEST(roads, are_the_same_to_every_user)
 {
     log_set_modules(&g_log, DEBUG_level);
-    time_t start = 1000;
     for (unsigned seed = 0; seed < 400; ++seed) {
         journey j(seed);
         const tsan_config cfg = any_settings(&j);
@@ -191,9 +211,37 @@ TEST(roads, are_the_same_to_every_user)
             HAND_MADE[seed](&j.c);
         while (j.c.count() < 300)
             add_any(&j);
-        const auto steps = j.steps();
-        const std::string at_length = road_trip(cfg, steps, road::WHOLE, start += 10000);
-        ASSERT_EQ(road_trip(cfg, steps, road::SHORT, start += 10000), at_length) << "seed " << seed;
+        ASSERT_NO_FATAL_FAILURE(walk("journey-" + std::to_string(seed), cfg, j.steps()));
     }
-    log_set_modules(&g_log, NORM_level);
+}
+
+TEST(roads, are_as_they_were_to_inputs_of_the_fuzzer)
+{
+    for (const char *folder : {"/packets", "/roads"})
+        for (const auto &entry :
+             std::filesystem::directory_iterator(ORVSCAN_CORPUS + std::string(folder))) {
+            const std::string text = file_text(entry.path());
+            const std::span in(reinterpret_cast<const uint8_t *>(text.data()), text.size());
+            if (in.size() < SETTINGS_LEN)
+                continue;
+            log_set_modules(&g_log, settings_bit(in, 6) ? DEBUG_level : NORM_level);
+            const road_input input = steps_of(in.subspan(SETTINGS_LEN));
+            if (input.packets.empty())
+                continue;
+            ASSERT_NO_FATAL_FAILURE(walk(entry.path().filename(), settings_of(in), input.steps));
+        }
+}
+
+TEST(roads, show_tables_as_they_did)
+{
+    log_set_modules(&g_log, DEBUG_level);
+    for (const auto &entry : std::filesystem::directory_iterator(ORVSCAN_CORPUS "/pmt")) {
+        const std::string text = file_text(entry.path());
+        capture_builder c;
+        c.pat({{1, 0x100}});
+        c.section(0x100, octets(text.begin(), text.end()));
+        c.payload(0x100);
+        const road_step steps[] = {{.pkt = c.at(0)}, {.pkt = c.at(1)}};
+        ASSERT_NO_FATAL_FAILURE(walk(entry.path().filename(), every_check(), steps));
+    }
 }

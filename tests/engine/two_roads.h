@@ -72,6 +72,7 @@ inline void put_state(FILE *fp, const tsan_ctx *tc)
                     si.pts_updated, si.dts_updated, si.pcount, si.acount, counts ? last_cc(si) : 0,
                     si.last_pts, si.last_dts, si.pts_pktnum, si.dts_pktnum);
         fprintf(fp, "\n");
+        dump_ctxt(fp, nullptr, &pg.txt_pmt);
     }
 }
 
