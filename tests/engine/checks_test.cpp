@@ -5,6 +5,8 @@
 
 #include <gmock/gmock.h>
 
+#include <regex>
+
 using namespace testing;
 
 TEST(continuity, tells_breaks_from_resets_by_the_time_between_zeros)
@@ -157,6 +159,7 @@ TEST(presence, lost_sync_gives_up_when_losses_come_too_thick)
     EXPECT_THAT(e.log(), HasSubstr("(WRN)  ALERT LOST-SYNC [src] seq=10 at pkt[1]\n(ERR)  "));
     g_now.tv_sec += 100; // there is no new period any more
     EXPECT_EQ(tsan_alert_lostsync(e.t), TSAN_CANNOT_GO_ON);
+    EXPECT_EQ(e.t->gac.lost_sync, 31u);
 }
 
 TEST(report, stat_lines_of_a_period_and_of_the_run)
@@ -191,4 +194,34 @@ STAT ALERT-count src 0 0 0 0 0 0 0 0
     tsan_alog_stats(e.t);
     EXPECT_THAT(e.alerts(), EndsWith("PCR-freq src 257 -1 30.00 1 30 30 30 23.67 3 71 20 21\n"
                                      "STAT ALERT-count src 0 0 0 0 0 1 0 0\n"));
+}
+
+TEST(settings, of_a_host_that_sets_none)
+{
+    tsan_config cfg;
+    tsan_default_config(&cfg);
+    testing::internal::CaptureStdout();
+    tsan_dump_config(stdout, "analyzer", &cfg);
+    EXPECT_EQ(std::regex_replace(testing::internal::GetCapturedStdout(), std::regex(": +"), ":"),
+              R"(analyzer:
+	source:[TS]
+	skipped packets:9000
+	NDAT p-count:10000
+	PTS/DTS delta:500 (ms)
+	PCR delta:1000 (ms)
+	PCR frequency:100 (ms)
+	dump stats every:60 (sec)
+	validate CC sequence:yes
+	CC reset threshold:30 (ms)
+	T:sdt_ignore:no
+	T:misc_ignore:no
+	T:pdts_update:no
+	T:pat_pmt_pkt:no
+	T:pcr_update:no
+	T:cc_track:no
+	T:pmt_diff:no
+	T:pat_diff:no
+	access-log-alerts:no
+	write-to-log:yes
+)");
 }

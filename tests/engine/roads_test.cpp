@@ -245,3 +245,26 @@ TEST(roads, show_tables_as_they_did)
         ASSERT_NO_FATAL_FAILURE(walk(entry.path().filename(), every_check(), steps));
     }
 }
+
+TEST(roads, know_the_stream_types_they_knew)
+{
+    for (const bool iso : {false, true}) {
+        tsan_config cfg = every_check();
+        cfg.iso_rules = iso;
+        capture_builder c;
+        std::vector<pat_entry> programs(8);
+        for (unsigned i = 0; i < programs.size(); ++i)
+            programs[i] = {i + 1, 0x100 + i};
+        c.pat(programs);
+        for (unsigned i = 0; i < programs.size(); ++i) {
+            pmt_fields pmt{.program = i + 1, .pcr_pid = 0x200};
+            for (unsigned type = 32 * i; type < 32 * (i + 1); ++type)
+                pmt.streams.push_back({type, 0x200 + type});
+            c.pmt(0x100 + i, pmt);
+        }
+        std::vector<road_step> steps;
+        for (size_t i = 0; i < c.count(); ++i)
+            steps.push_back({.pkt = c.at(i)});
+        ASSERT_NO_FATAL_FAILURE(walk(iso ? "types-iso" : "types", cfg, steps));
+    }
+}

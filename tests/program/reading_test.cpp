@@ -145,23 +145,29 @@ TEST_F(program, says_so_without_memory)
     if (ORVSCAN_FAIL_ALLOC[0] == '\0')
         GTEST_SKIP() << "the sanitizer has allocations of its own";
     capture_builder c;
-    c.pat({{1, 0x100}});
+    c.pat({{1, 0x100}, {2, 0x200}});
+    for (const unsigned version : {0U, 1U})
+        for (const unsigned pid : {0x100U, 0x200U})
+            c.pmt(pid, {.program = pid / 0x100, .version = version, .streams = {{2, pid + 1}}});
+    c.pat({{1, 0x100}}, {.version = 1});
     dir.file("c.ts", c.text());
     dir.file("part", "source_tag = \"a tag too long to be kept in the text itself\";\n");
     dir.file("settings", "orv: {stream_analyzer: {enabled = true;\n@include \"" + dir.path("part") +
                              "\"\n};};\n");
     std::map<int, int> ends;
-    for (int number = 1; number <= 40; ++number) {
-        const run_result run =
-            comparable(shell("exec env LD_PRELOAD=" ORVSCAN_FAIL_ALLOC " FAIL_ALLOC=" +
-                             std::to_string(number) + " orvscan -C settings -A pcr_freq=1 c.ts"));
-        ++ends[run.status];
-        EXPECT_THAT(run.err, EndsWith(exit_line(run.status))) << number;
-        if (run.status == ENOMEM) {
-            EXPECT_THAT(run.err, HasSubstr("() ERROR(12): Cannot allocate memory\n")) << number;
+    for (const std::string options : {"-C settings -A pcr_freq=1", "-A iso=1 -v -a on"})
+        for (int number = 1; number <= 60; ++number) {
+            const run_result run =
+                comparable(shell("exec env LD_PRELOAD=" ORVSCAN_FAIL_ALLOC " FAIL_ALLOC=" +
+                                 std::to_string(number) + " orvscan " + options + " c.ts"));
+            ++ends[run.status];
+            const std::string last = run.status == 0 ? "tsan_stats END\n" : "";
+            EXPECT_THAT(run.err, EndsWith(last + exit_line(run.status))) << options << number;
+            if (run.status == ENOMEM) {
+                EXPECT_THAT(run.err, HasSubstr("() ERROR(12): Cannot allocate memory\n")) << number;
+            }
         }
-    }
     // 2: no stream to read settings through; 22: the text of -A.
     EXPECT_THAT(ends,
-                ElementsAre(Pair(0, Ge(15)), Pair(2, 2), Pair(ENOMEM, Ge(8)), Pair(EINVAL, 1)));
+                ElementsAre(Pair(0, Ge(60)), Pair(2, 2), Pair(ENOMEM, Ge(8)), Pair(EINVAL, 2)));
 }
