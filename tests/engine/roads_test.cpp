@@ -248,6 +248,7 @@ TEST(roads, show_tables_as_they_did)
 
 TEST(roads, know_the_stream_types_they_knew)
 {
+    log_set_modules(&g_log, DEBUG_level);
     for (const bool iso : {false, true}) {
         tsan_config cfg = every_check();
         cfg.iso_rules = iso;
