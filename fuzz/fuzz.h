@@ -12,15 +12,20 @@
 // What the fuzzer calls.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
 
+inline size_t g_swallowed; // bytes, since the process began
+
 // A stream that swallows everything, without a system call.
 inline FILE *null_stream()
 {
-    static FILE *const null =
-        fopencookie(nullptr, "w",
-                    {.read = nullptr,
-                     .write = [](void *, const char *, size_t size) { return ssize_t(size); },
-                     .seek = nullptr,
-                     .close = nullptr});
+    static FILE *const null = fopencookie(nullptr, "w",
+                                          {.read = nullptr,
+                                           .write =
+                                               [](void *, const char *, size_t size) {
+                                                   g_swallowed += size;
+                                                   return ssize_t(size);
+                                               },
+                                           .seek = nullptr,
+                                           .close = nullptr});
     return null;
 }
 

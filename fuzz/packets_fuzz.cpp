@@ -5,9 +5,32 @@
 
 #include <libtarnlink/invariant.h>
 
+#include <cmath>
 #include <string_view>
 
 namespace {
+
+// What the fuzzer takes for coverage: how many bytes of log an input makes for each of its bytes,
+// in steps of a sixteenth of a doubling. So it looks for the input that makes most.
+__attribute__((section("__libfuzzer_extra_counters"))) uint8_t g_amplification[256];
+
+// A larger factor is a finding.
+constexpr double MOST_AMPLIFIED = 100;
+
+struct log_volume {
+    size_t packets = 0, written = 0; // bytes while packets were processed
+};
+
+void note_amplification(const log_volume &v)
+{
+    static double most;
+    const double factor = double(v.written) / double(v.packets * TS_PACKET_SIZE);
+    g_amplification[std::min(size_t(16 * std::log2(1 + factor)), sizeof g_amplification - 1)] = 1;
+    if (most == 0)
+        atexit([] { fprintf(stderr, "stat::most_log_per_byte: %18.1f\n", most); });
+    most = std::max({most, factor, 0.01});
+    expect(factor <= MOST_AMPLIFIED);
+}
 
 // Thrown where an invariant that a source may break would have ended the process.
 struct intended_end {};
@@ -64,19 +87,28 @@ void seal_section(std::array<uint8_t, TS_PACKET_SIZE> *pkt)
         (*pkt)[crc_at + i] = static_cast<uint8_t>(crc >> (24 - 8 * i));
 }
 
-void run(tsan_t t, std::span<const uint8_t> in, bool seals)
+void process(tsan_t t, const uint8_t *pkt, log_volume *volume)
+{
+    const size_t before = g_swallowed;
+    tsan_process(t, pkt);
+    fflush(null_stream());
+    ++volume->packets;
+    volume->written += g_swallowed - before;
+}
+
+void run(tsan_t t, std::span<const uint8_t> in, bool seals, log_volume *volume)
 {
     unsigned reports = 0;
     while (const auto step = take_step(&in)) {
         if (step->pkt == nullptr) {
             act(t, step->act, &reports);
+            fflush(null_stream());
             continue;
         }
         if (seals)
             seal_section(step->pkt.get());
-        tsan_process(t, step->pkt->data());
+        process(t, step->pkt->data(), volume);
     }
-    report(t);
 }
 
 } // namespace
@@ -107,11 +139,15 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         log_default(&g_log, nullptr);
     const tsan_config cfg = settings_of(in);
     const std::unique_ptr<tsan_ctx, free_context> t(tsan_init(nullptr, &cfg, nullptr));
+    log_volume volume;
     try {
-        run(t.get(), in.subspan(SETTINGS_LEN), cfg.iso_rules);
+        run(t.get(), in.subspan(SETTINGS_LEN), cfg.iso_rules, &volume);
+        report(t.get());
     } catch (const intended_end &) {
         if (cfg.iso_rules) // nothing in a capture ends the process then
             abort();
     }
+    if (volume.packets > 0 && !settings_bit(in, 6)) // without traces
+        note_amplification(volume);
     return 0;
 }

@@ -156,7 +156,8 @@ TEST(presence, lost_sync_gives_up_when_losses_come_too_thick)
     g_now.tv_sec += 2;
     EXPECT_EQ(tsan_alert_lostsync(e.t), TSAN_CANNOT_GO_ON);
     EXPECT_THAT(e.alerts(), EndsWith("\nALERT LOST-SYNC src 10 [pkt[1]]\n"));
-    EXPECT_THAT(e.log(), HasSubstr("(WRN)  ALERT LOST-SYNC [src] seq=10 at pkt[1]\n(ERR)  "));
+    EXPECT_THAT(e.log(), HasSubstr("(WRN)  ALERT LOST-SYNC [src] seq=10 at pkt[1]\n(ERR)  "
+                                   "tsan_alert_lostsync: bailing out after 10 cases within 2 sec"));
     g_now.tv_sec += 100; // there is no new period any more
     EXPECT_EQ(tsan_alert_lostsync(e.t), TSAN_CANNOT_GO_ON);
     EXPECT_EQ(e.t->gac.lost_sync, 31u);
