@@ -172,6 +172,7 @@ struct road_shortcuts {
 // What only the standard's rules need (iso.h).
 struct iso_state {
     bool has_pat;                  // a complete PAT has come
+    bool lacked_memory;            // the latest PMT could not be used
     uint64_t damaged;              // packets marked by transport_error_indicator
     uint64_t scrambled[PID_COUNT]; // packets by PID
     section_gatherer pat_sections;

@@ -150,11 +150,12 @@ void gather_pat(tsan_ctx *tc, std::span<const uint8_t> section)
     if (tc->new_pat == nullptr)
         tc->new_pat.reset(new (std::nothrow) psi_block);
     if (tc->new_pat == nullptr)
-        return;
+        return report_unused_pat(tc);
     if (!tc->iso->has_pat)
         LOG_STMT(INFO_level, "[%s] using PAT (pid%u) at %s\n", tc->cfg.source, PAT_PID_NUMBER,
                  tag_text(tc).text);
-    add_section(tc->new_pat.get(), psi_section(section));
+    if (!add_section(tc->new_pat.get(), psi_section(section)))
+        report_unused_pat(tc);
     if (!tc->new_pat->is_complete)
         return;
     if (!tc->iso->has_pat || !tables_equal(tc->pat, *tc->new_pat))
@@ -187,8 +188,10 @@ bool take_pmt_section(tsan_ctx *tc, std::span<const uint8_t> section)
     if (latest.matches(section) && !tc->cfg.trk.pmt_diff)
         return false;
     change_user(tc, &tc->pg[slot].dat_pmt);
+    tc->iso->lacked_memory = false;
     track_PMT(tc, section);
-    latest.remember(section);
+    if (!tc->iso->lacked_memory)
+        latest.remember(section);
     return true;
 }
 

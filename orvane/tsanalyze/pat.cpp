@@ -129,10 +129,16 @@ void alert_pat_diff(tsan_ctx *tc, size_t nadded, size_t ndel, size_t nprogs)
                    {.pat_diff = {.programmes = nprogs, .added = nadded, .deleted = ndel}});
 }
 
+void report_unused_pat(const tsan_ctx *tc)
+{
+    LOG_STMT(ERR_level, "[%s] no memory, PAT not used at %s\n", tc->cfg.source, tag_text(tc).text);
+}
+
 void process_PAT(tsan_ctx *tc, std::span<const uint8_t> bytes)
 {
     const psi_section pld(bytes);
-    add_section(&tc->pat, pld);
+    if (!add_section(&tc->pat, pld))
+        report_unused_pat(tc);
     if (!tc->pat.is_complete) {
         LOG_STMT(DEBUG_level, "%s: (%p) not all sections gathered yet\n", __func__,
                  static_cast<void *>(tc));
@@ -168,11 +174,12 @@ void another_PAT(tsan_ctx *tc, std::span<const uint8_t> bytes)
     if (tc->new_pat == nullptr)
         tc->new_pat.reset(new (std::nothrow) psi_block);
     if (tc->new_pat == nullptr)
-        return; // the PAT is repeated, and memory may be back
+        return report_unused_pat(tc);
     if (tc->cfg.trk.pat_pmt_pkt)
         LOG_STMT(INFO_level, "%s: (%p) new PAT is being compiled at %s\n", __func__,
                  static_cast<void *>(tc), tag_text(tc).text);
-    add_section(tc->new_pat.get(), pld);
+    if (!add_section(tc->new_pat.get(), pld))
+        report_unused_pat(tc);
     if (!tc->new_pat->is_complete) {
         LOG_STMT(DEBUG_level, "%s: (%p) not all sections gathered yet at %s\n", __func__,
                  static_cast<void *>(tc), tag_text(tc).text);

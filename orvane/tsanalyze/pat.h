@@ -18,6 +18,7 @@ void another_PAT(tsan_ctx *tc, std::span<const uint8_t> bytes);
 
 void report_added(const tsan_ctx *tc, uint32_t pid);
 void report_missing(const tsan_ctx *tc, uint32_t pid);
+void report_unused_pat(const tsan_ctx *tc);               // it is repeated, and memory may be back
 void report_dropped(const tsan_ctx *tc, size_t ndropped); // programmes there is no room for
 
 // Raises PAT-DIFF for a new PAT with `nprogs` programmes. The PAT so far is that of the context.

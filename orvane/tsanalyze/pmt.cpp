@@ -104,10 +104,16 @@ int add_pmt_stream(tsan_ctx *tc, pmt_section *pld, unsigned j, const pmt_entry &
 }
 
 // Prints the PMT as the programme's first snapshot; one that is there stays as it is.
-void take_snapshot(program_info *pg, pmt_section *pld)
+void take_snapshot(tsan_ctx *tc, pmt_section *pld)
 {
-    if (pg->txt_pmt.buf == nullptr && open_ctxt(&pg->txt_pmt, MAX_PMT_TXT) == 0)
-        print_pmt(pld, &pg->txt_pmt);
+    ctxt_spec *text = &prog(tc)->txt_pmt;
+    if (text->buf != nullptr)
+        return;
+    if (open_ctxt(text, MAX_PMT_TXT) == 0)
+        print_pmt(pld, text);
+    else
+        LOG_STMT(ERR_level, "[%s] no memory, text of PMT not kept at %s\n", tc->cfg.source,
+                 tag_text(tc).text);
 }
 
 void alert_pmt_diff(tsan_ctx *tc, uint32_t pid, const ctxt_spec *s, size_t count, uint32_t pcr_pid)
@@ -140,8 +146,13 @@ int compare_texts(tsan_ctx *tc, std::span<const uint8_t> bytes, pmt_section *pld
 {
     program_info *pg = prog(tc);
     ctxt_spec new_txt;
-    if (open_ctxt(&new_txt, MAX_PMT_TXT) != 0)
+    if (open_ctxt(&new_txt, MAX_PMT_TXT) != 0) {
+        LOG_STMT(ERR_level, "[%s] no memory, PMT not compared at %s\n", tc->cfg.source,
+                 tag_text(tc).text);
+        if (tc->iso != nullptr)
+            tc->iso->lacked_memory = true;
         return 0;
+    }
     print_pmt(pld, &new_txt);
     // By the standard's rules only other bytes come here: what was cut off may have changed too.
     const bool is_cut = tc->iso != nullptr && is_ctxt_full(&new_txt);
@@ -234,7 +245,7 @@ void process_PMT(tsan_ctx *tc, std::span<const uint8_t> bytes, uint32_t pid)
              tag_text(tc).text);
     if (count != 0)
         pg->curr_pmt_pid = pid;
-    take_snapshot(pg, &pld);
+    take_snapshot(tc, &pld);
     if (tc->cfg.trk.pmt_diff) {
         LOG_STMT(INFO_level, "%s: PMT pid=%u, %zu entries\n", __func__, pid, count);
         dump_ctxt(log_fp(&g_log), "Using PMT:", &pg->txt_pmt);
@@ -263,8 +274,15 @@ void update_PMT(tsan_ctx *tc, std::span<const uint8_t> bytes, uint32_t pid)
     program_info *pg = prog(tc);
     const size_t old_n = pg->nstreams;
     const std::unique_ptr<stream_info[]> old(new (std::nothrow) stream_info[old_n]);
-    if (old == nullptr)
+    if (old == nullptr) {
+        LOG_STMT(ERR_level, "[%s] no memory, streams of PMT not used at %s\n", tc->cfg.source,
+                 tag_text(tc).text);
+        if (tc->iso != nullptr) { // its repetition will differ again
+            tc->iso->lacked_memory = true;
+            close_ctxt(&pg->txt_pmt);
+        }
         return;
+    }
     for (size_t i = 0; i < old_n; ++i)
         forget_plain(&pg->stm[i]);
     std::copy_n(pg->stm, old_n, old.get());

@@ -98,10 +98,12 @@ section_copy dup_psi_sec(const psi_section &pld)
 
 psi_block::~psi_block() { psi_table_free(sec); }
 
-void add_section(psi_block *table, const psi_section &pld)
+bool add_section(psi_block *table, const psi_section &pld)
 {
     section_copy copy = dup_psi_sec(pld);
-    table->is_complete = copy != nullptr && psi_table_section(table->sec, copy.release());
+    const bool is_copied = copy != nullptr;
+    table->is_complete = is_copied && psi_table_section(table->sec, copy.release());
+    return is_copied;
 }
 
 // The library's own loop counts in eight bits and would never end at 255.

@@ -73,8 +73,8 @@ struct psi_block {
 };
 
 // Adds a copy of the section to a table and stores in is_complete whether all sections are there.
-// Without memory the table stays as it is, incomplete.
-void add_section(psi_block *table, const psi_section &pld);
+// Without memory the table stays as it is, incomplete, and false is returned.
+bool add_section(psi_block *table, const psi_section &pld);
 
 // Whether two complete tables have the same sections.
 bool tables_equal(const psi_block &a, const psi_block &b);
