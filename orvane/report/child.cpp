@@ -4,9 +4,11 @@
 
 #include <libtarnlink/log.h>
 
+#include <cerrno>
 #include <csignal>
 #include <fcntl.h>
 #include <memory>
+#include <new>
 #include <sys/prctl.h>
 #include <unistd.h>
 
@@ -17,6 +19,7 @@ constexpr size_t LINES_BUFFER = 64 << 10;
 volatile sig_atomic_t g_quit;
 int g_capture_fd = -1;
 int g_nothing_fd = -1; // brings no bytes
+child_progress *g_progress;
 
 // The capture ends here: also a pipe that nobody writes to any more.
 void end_capture(int /*signo*/)
@@ -59,11 +62,17 @@ run_end run_capture(tsan_t th, capture *cap, child_progress *progress)
     const uint8_t *pkts = nullptr;
     uint64_t count = 0;
     int rc = 0;
-    for (size_t n = 0; rc == 0 && g_quit == 0 && (n = next_packets(cap, &pkts)) > 0;)
+    errno = 0;
+    for (size_t n = 0; rc == 0 && g_quit == 0 && (n = next_packets(cap, &pkts)) > 0;) {
         for (size_t i = 0; i < n && rc == 0 && g_quit == 0; ++i) {
             progress->packets.store(++count, std::memory_order_relaxed);
             rc = tsan_process(th, pkts + i * TS_PACKET_SIZE);
         }
+        if (errno == ENOMEM) { // the engine passes over a table that finds no memory
+            cap->error = ENOMEM;
+            break;
+        }
+    }
     progress->error = cap->error;
     return end_of(rc, *cap);
 }
@@ -86,6 +95,8 @@ run_end run_capture(tsan_t th, capture *cap, child_progress *progress)
 void analyse_in_child(const tsan_config &settings, const std::string &path,
                       child_progress *progress)
 {
+    g_progress = progress;
+    std::set_new_handler([] { leave_unread(ENOMEM, g_progress); });
     setup_signals();
     setup_logs();
     int error = 0;

@@ -8,10 +8,40 @@
 #include "report/page.h"
 #include "report/run.h"
 
+#include <array>
 #include <csignal>
+#include <fcntl.h>
+#include <new>
 #include <string>
+#include <unistd.h>
 
 namespace {
+
+std::array<output_file *, 3> g_outputs;
+
+// Standard descriptors that are closed stay so: no file opened later gets their numbers.
+void keep_descriptors()
+{
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+        if (fcntl(fd, F_GETFD) == -1) [[maybe_unused]]
+            const int held = open("/dev/null", O_PATH); // the lowest: this one
+}
+
+// Ends it where it stands: memory may be short where nothing can be thrown.
+[[noreturn]] void end_without_memory()
+{
+    fputs("orvreport: cannot go on: Cannot allocate memory\n", stderr);
+    for (output_file *file : g_outputs)
+        if (file != nullptr)
+            discard_output(file);
+    _exit(STATUS_USAGE);
+}
+
+// First of all: what libraries make before main() allocates, too.
+__attribute__((constructor(101))) void expect_no_memory()
+{
+    std::set_new_handler(end_without_memory);
+}
 
 void handle_interrupt(int /*signo*/) { g_interrupted = g_interrupted + 1; }
 
@@ -22,6 +52,7 @@ void setup_signals()
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
     signal(SIGPIPE, SIG_IGN); // a reader that leaves is a failed output
+    signal(SIGXFSZ, SIG_IGN); // so is a file that may not grow
 }
 
 struct outputs {
@@ -39,13 +70,14 @@ void open_outputs(const report_options &options, report_run *run, outputs *out)
     open(&out->junit, options.junit);
     open(&out->html, options.html);
     run->wants_bins = is_open(out->html);
+    g_outputs = {&run->json, &out->junit, &out->html};
 }
 
 void finish_outputs(report_run *run, outputs *out)
 {
     write_junit(&out->junit, *run);
     write_page(&out->html, *run);
-    for (output_file *file : {&run->json, &out->junit, &out->html})
+    for (output_file *file : g_outputs)
         if (!finish_output(file))
             raise_status(run, STATUS_USAGE);
 }
@@ -58,25 +90,33 @@ const char *status_word(int status)
 }
 
 // A line for each capture and one for all.
-void print_verdict(const report_run &run, FILE *out)
+void write_verdict(output_file *out, const report_run &run)
 {
     size_t count[STATUS_CUT_SHORT + 1]{};
     for (const judged_capture &capture : run.captures) {
         ++count[capture.verdict.status];
-        fprintf(out, "%s: %s\n", capture.tally.name.c_str(),
-                verdict_text(capture.tally, capture.verdict).c_str());
+        write_output(out, capture.tally.name + ": " + verdict_text(capture.tally, capture.verdict) +
+                              "\n");
     }
     if (run.captures.size() < 2)
         return;
-    fprintf(out, "%zu captures:", run.captures.size());
-    const char *separator = " ";
+    std::string text;
     for (int status = 0; status <= STATUS_CUT_SHORT; ++status) {
         if (count[status] == 0)
             continue;
-        fprintf(out, "%s%zu %s", separator, count[status], status_word(status));
-        separator = ", ";
+        text +=
+            (text.empty() ? " " : ", ") + std::to_string(count[status]) + " " + status_word(status);
     }
-    fputc('\n', out);
+    write_output(out, std::to_string(run.captures.size()) + " captures:" + text + "\n");
+}
+
+void print_verdict(report_run *run, FILE *stream)
+{
+    output_file out;
+    open_stream(&out, stream);
+    write_verdict(&out, *run);
+    if (!finish_output(&out))
+        raise_status(run, STATUS_USAGE);
 }
 
 bool uses_standard_output(const report_options &options)
@@ -88,6 +128,7 @@ bool uses_standard_output(const report_options &options)
 
 int main(int argc, char *argv[])
 {
+    keep_descriptors();
     report_options options;
     switch (parse_report_options(argc, argv, &options)) {
     case options_result::done:
@@ -108,7 +149,7 @@ int main(int argc, char *argv[])
         read_log(&run, path);
     analyse_captures(&run, options.captures, {options.settings, options.jobs});
     if (!options.is_quiet)
-        print_verdict(run, uses_standard_output(options) ? stderr : stdout);
+        print_verdict(&run, uses_standard_output(options) ? stderr : stdout);
     finish_outputs(&run, &out);
     return run.status;
 }

@@ -22,8 +22,8 @@ bool report_failure(output_file *out)
 // What a name stands for: a link is not replaced, but what it leads to.
 std::string resolve(const std::string &path)
 {
-    const std::unique_ptr<char, decltype(&free)> real(realpath(path.c_str(), nullptr), free);
-    return real != nullptr ? real.get() : path;
+    char real[PATH_MAX];
+    return realpath(path.c_str(), real) != nullptr ? real : path;
 }
 
 // Whether there is something that must not be replaced by a file.
@@ -59,26 +59,30 @@ int create_beside(output_file *out)
 
 } // namespace
 
-void close_output::operator()(FILE *fp) const
+int close_output::operator()(FILE *fp) const
 {
-    if (fp != stdout)
-        fclose(fp);
+    return fp == stdout || fp == stderr ? fflush(fp) : fclose(fp);
 }
 
 output_file::~output_file()
 {
     fp.reset();
-    if (!beside.empty())
-        unlink(beside.c_str());
+    discard_output(this);
+}
+
+void open_stream(output_file *out, FILE *stream)
+{
+    out->path = stream == stdout ? "standard output" : "standard error";
+    out->fp.reset(stream);
 }
 
 bool open_output(output_file *out, const std::string &path)
 {
-    out->path = path;
     if (path == "-") {
-        out->fp.reset(stdout);
+        open_stream(out, stdout);
         return true;
     }
+    out->path = path;
     out->target = resolve(path);
     const int fd = is_special(out->target) ? open(out->target.c_str(), O_WRONLY | O_CLOEXEC)
                                            : create_beside(out);
@@ -103,14 +107,19 @@ bool finish_output(output_file *out)
 {
     if (out->fp == nullptr)
         return out->path.empty();
-    if (fflush(out->fp.get()) != 0 && out->error == 0)
-        out->error = errno;
+    if (out->fp.get_deleter()(out->fp.release()) != 0 && out->error == 0)
+        out->error = errno; // full disks are told as late as here, too
     if (out->error == 0 && !out->beside.empty() &&
         rename(out->beside.c_str(), out->target.c_str()) != 0)
         out->error = errno;
     if (out->error != 0)
         return report_failure(out);
     out->beside.clear();
-    out->fp.reset();
     return true;
+}
+
+void discard_output(output_file *out)
+{
+    if (!out->beside.empty())
+        unlink(out->beside.c_str());
 }

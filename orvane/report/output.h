@@ -7,11 +7,11 @@
 #include <string_view>
 
 struct close_output {
-    void operator()(FILE *fp) const;
+    int operator()(FILE *fp) const; // standard streams are flushed and stay open
 };
 
 struct output_file {
-    std::string path;   // as it was named; "-" is standard output; empty: no output is wanted
+    std::string path;   // as it was named, or what a stream is called; empty: no output is wanted
     std::string target; // the file that is replaced
     std::string beside; // the file that is written; empty: the target itself, which is no file
     std::unique_ptr<FILE, close_output> fp;
@@ -23,8 +23,12 @@ struct output_file {
     ~output_file(); // removes what was not finished
 };
 
-// Begins an output. Standard output, a pipe or a device is written to directly. A failure is told.
+// Begins an output. Standard output ("-"), a pipe or a device is written to directly. A failure is
+// told.
 bool open_output(output_file *out, const std::string &path);
+
+// Begins an output on standard output or error.
+void open_stream(output_file *out, FILE *stream);
 
 inline bool is_open(const output_file &out) { return out.fp != nullptr; }
 
@@ -32,3 +36,6 @@ void write_output(output_file *out, std::string_view text);
 
 // Ends an output and puts it in its place. A failure is told.
 bool finish_output(output_file *out);
+
+// Removes what was not finished. Allocates nothing.
+void discard_output(output_file *out);

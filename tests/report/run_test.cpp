@@ -15,16 +15,24 @@ namespace {
 
 using namespace testing;
 
-// A folder with captures, and command lines in it.
-struct orvreport : Test {
+// A folder with captures and a log, and command lines in it.
+struct orvreport : TestWithParam<const char *> {
     orvreport()
     {
-        capture_builder c;
-        c.null(2);
-        c.pat({{1, 0}});
-        dir.file("fatal.ts", c.text());
+        capture_builder fatal, pat, idle;
+        fatal.null(2);
+        fatal.pat({{1, 0}});
+        pat.pat({{1, 0x100}});
+        idle.null(300);
+        dir.file("fatal.ts", fatal.text());
+        dir.file("pat.ts", pat.text());
+        dir.file("idle.ts", idle.text());
         dir.file("good.ts", good);
         dir.file("bad.ts", bad);
+        dir.file("sync.ts", good.substr(0, PKT_SIZE * 9) + "x" + good);
+        shell("cp " ORVSCAN_ROOT "/samples/two_programmes.ts two.ts; cp " ORVSCAN_ROOT
+              "/tests/report/transcripts/page.sed .; "
+              "grep -v '^ ' " ORVSCAN_ROOT "/tests/report/lines.txt >kinds.log");
     }
     run_result shell(const std::string &line) const { return run_shell(dir.path(), line); }
     std::string text(const std::string &name) const { return file_text(dir.path(name)); }
@@ -48,72 +56,41 @@ std::vector<std::string> matches(const std::string &text, const std::string &exp
     return {std::sregex_token_iterator(text.begin(), text.end(), re, 1), {}};
 }
 
-// ---- Verdict
+// ---- Transcripts
 
-TEST_F(orvreport, every_end_of_a_capture_has_its_status_and_words)
+// What a command gives as it stands in a transcript: it begins with "$ " and goes on with "> ";
+// behind its output follow the lines of standard error with "! " and the status with "= ".
+std::string played(const std::string &command, const run_result &run)
 {
-    capture_builder pat, idle;
-    pat.pat({{1, 0x100}});
-    idle.null(300);
-    dir.file("empty", "");
-    dir.file("fragment", "G");
-    dir.file("pat", pat.text());
-    dir.file("idle", idle.text());
-    dir.file("sync", good.substr(0, PKT_SIZE * 9) + "x" + good);
-    const std::tuple<std::string, int, std::string> cases[] = {
-        {"good.ts", 0, "no limits; no alerts"},
-        {"--max all=0 good.ts", 0, "within limits; no alerts"},
-        {"--max CC-BRK=2 --max all/256=2 bad.ts", 0,
-         "within limits; 3 alerts (2 CC-BRK, 1 PID-NDAT)"},
-        {"--max CC-BRK=0 --max all=1 --max PID-NDAT/259=0 bad.ts", 1,
-         "EXCEEDED: CC-BRK 2 > 0, all 3 > 1, PID-NDAT/259 1 > 0; 3 alerts"},
-        {"missing", 3, "cannot be read: No such file or directory; no alerts"},
-        {".", 3, "cannot be read: Is a directory; no alerts"},
-        {"--max all=0 empty", 4, "no programme; no alerts"},
-        {"fragment", 4, "no programme; no alerts"},
-        {"pat", 4, "no stream packet; no alerts"},
-        {"sync", 5, "lost sync at packet 10; 1 alert (1 PID-NDAT)"},
-        {"-s 200 idle", 5, "idle: nothing to analyse up to packet 200; no alerts"},
-        {"fatal.ts", 5, "ended at packet 3 by invariant `tc->pmt_pid[tc->nprogs]' broken; no al"},
-    };
-    for (const auto &[args, status, words] : cases) {
-        const std::string capture = args.substr(args.rfind(' ') + 1);
-        EXPECT_THAT(shell("orvreport " + args),
-                    ends(status, HasSubstr(capture + ": " + words), ""));
-    }
+    std::string text = command + "\n", err = unstamped(run.err);
+    replace_all(&text, "\n", "\n> ");
+    text = "$ " + text.substr(0, text.size() - 2) + unstamped(run.out);
+    for (const std::string &line : split_lines(err))
+        text += "! " + line + "\n";
+    return text + "= " + std::to_string(run.status) + "\n\n";
 }
 
-TEST_F(orvreport, a_command_line_that_is_wrong_is_told_and_nothing_is_begun)
+// ORVREPORT_RECORD=1 build-release/report_tests --gtest_filter='*transcript*' writes them anew.
+TEST_P(orvreport, gives_what_the_transcript_says)
 {
-    dir.file("limits", "# ours\nCC-BRK = 1\n\nCC-BRQ=2 # typo\n");
-    const std::pair<std::string, std::string> cases[] = {
-        {"", "no capture, log or record is named"},
-        {"--max CC-BRQ=0 good.ts", "names an unknown kind; known are all, damaged, CC-BRK"},
-        {"--limits limits good.ts", "limits, line 4: limit \"CC-BRQ=2\" names an unknown"},
-        {"--limits none good.ts", "cannot read limits from"},
-        {"-A pcr_freq=-5 good.ts", "invalid analyzer setting \"pcr_freq=-5\""},
-        {"-C none good.ts", "Failed to load ["},
-        {"-j 0 good.ts", "--jobs"},
-        {"--json - --html - good.ts", "only one output can be standard output"},
-        {"--frob good.ts", "--frob"},
-    };
-    for (const auto &[args, words] : cases)
-        EXPECT_THAT(shell("orvreport " + args), ends(2, "", HasSubstr(words))) << args;
-    EXPECT_THAT(shell("orvreport -V").out, HasSubstr("orvreport 0."));
+    const std::string path = ORVSCAN_ROOT "/tests/report/transcripts/" + std::string(GetParam());
+    const std::string kept = file_text(path);
+    std::vector<std::string> commands;
+    for (const std::string &line : split_lines(kept))
+        if (line.starts_with("$ "))
+            commands.push_back(line.substr(2));
+        else if (line.starts_with("> "))
+            commands.back() += "\n" + line.substr(2);
+    std::string text;
+    for (const std::string &command : commands)
+        text += played(command, shell(command));
+    if (getenv("ORVREPORT_RECORD") != nullptr)
+        std::ofstream(path) << text;
+    EXPECT_EQ(text, kept);
 }
-
-TEST_F(orvreport, settings_are_those_of_the_analyzer)
-{
-    dir.file("s", "orv: {stream_analyzer: {enabled = true; pcr_freq_ms = 79;};};");
-    const auto alerts = [this](const std::string &args) {
-        const run_result run = shell("orvreport -q --json - good.ts " + args);
-        return lines_with(run.out, "\"PCR-FREQ\",\"programme").size();
-    };
-    EXPECT_EQ(alerts(""), 0U);
-    EXPECT_GT(alerts("-C s"), 10U);
-    EXPECT_EQ(alerts("-C s"), alerts("-A pcr_freq=79"));
-    EXPECT_EQ(alerts("-C s -A pcr_freq=80"), 0U);
-}
+INSTANTIATE_TEST_SUITE_P(the, orvreport,
+                         Values("captures.txt", "faults.txt", "logs.txt", "pages.txt",
+                                "records.txt"));
 
 // ---- Many captures and every output
 
@@ -142,141 +119,74 @@ TEST_F(orvreport, of_many_captures_each_is_judged_and_recorded)
     EXPECT_EQ(shell("orvreport -q --merge o.jsonl --max all=3").status, 5);
 }
 
-TEST_F(orvreport, gnu_parallel_and_merge_give_the_verdict_of_one_run)
+// Signals for the program or its child, while the capture is a pipe that goes on.
+TEST_F(orvreport, whoever_ends_it_what_is_known_is_kept)
 {
-    if (shell("command -v parallel").status != 0)
-        GTEST_SKIP() << "parallel is not installed";
-    EXPECT_THAT(
-        shell("ls *.ts | parallel --will-cite orvreport -q --max all=1 --json {}.jsonl {}; "
-              "orvreport --merge *.jsonl"),
-        ends(5,
-             AllOf(HasSubstr("bad.ts: EXCEEDED: all 3 > 1; 3 alerts (2 CC-BRK, 1 PID-NDAT)"),
-                   HasSubstr("3 captures: 1 within limits, 1 limits exceeded, 1 cut short\n")),
-             _));
-}
-
-TEST_F(orvreport, what_was_not_measured_is_null)
-{
-    const std::string record = shell("orvreport -q --json - bad.ts").out;
-    EXPECT_THAT(record, HasSubstr("\"checks\":{\"av_distance_ms\":null,"));
-    EXPECT_THAT(record, HasSubstr("\"pcr_interval\":null"));
-    EXPECT_THAT(record, HasSubstr("\"tag\":\"0:0[286]:(pcr=156600)+11\""));
-    EXPECT_THAT(record, HasSubstr("\"packet\":286,\"pcr_ticks\":156600,\"packets_since_pcr\":11,"
-                                  "\"stream_time_s\":0.0,\"time\":null"));
-}
-
-// Stream time goes on where the PCR wraps.
-TEST_F(orvreport, stream_time_counts_from_the_first_pcr_over_the_wrap)
-{
-    std::string log;
-    for (const char *tag : {"0:0[9]:(pcr=8589844592)+1", "0:0[9]:(pcr=8589889592)+1",
-                            "0:0[9]:(pcr=90000)+1", "1:0[9]:(pcr=5)+1", "pkt[10]"})
-        log.append("ALERT CC-MLR n 7 2 ").append(tag).append("\n");
-    dir.file("log", log);
-    EXPECT_THAT(matches(shell("orvreport -q --json - --log log").out, "\"stream_time_s\":([^,]*)"),
-                ElementsAre("0.0", "0.5", "2.0", "0.0", "null"));
-}
-
-TEST_F(orvreport, an_output_that_cannot_be_written_spoils_nothing_else)
-{
-    shell("mkdir folder; ln -s kept.html link; echo old >kept.html");
-    EXPECT_THAT(shell("orvreport --json none/o --junit /dev/full --html kept.html good.ts"),
-                ends(2, HasSubstr("no limits; no alerts"),
-                     AllOf(HasSubstr("cannot write none/o: No such file"),
-                           HasSubstr("cannot write /dev/full: No space left on device"))));
-    EXPECT_THAT(text("kept.html"), HasSubstr("<!DOCTYPE html>"));
-    EXPECT_EQ(shell("orvreport --json folder --junit link good.ts").status, 2);
-    EXPECT_THAT(text("kept.html"), HasSubstr("<testsuites"));
-    EXPECT_EQ(shell("ls").out, "bad.ts\nfatal.ts\nfolder\ngood.ts\nkept.html\nlink\n");
-}
-
-TEST_F(orvreport, the_user_may_end_it_and_keeps_what_is_known)
-{
-    const std::string endless = dir.path("pipe");
-    ASSERT_EQ(mkfifo(endless.c_str(), 0600), 0);
-    process run({ORVREPORT_PROGRAM, "-j", "1", "--junit", "/dev/stderr", "--json",
-                 dir.path("o.jsonl"), endless, dir.path("good.ts")});
-    std::ofstream writer(endless); // waits for its reader
-    writer << bad << std::flush;
-    run.send(SIGINT);
-    EXPECT_THAT(run.wait(), ends(5,
-                                 AllOf(HasSubstr(endless + ": interrupted at packet "),
-                                       HasSubstr("good.ts: not begun; no alerts")),
-                                 _));
-    EXPECT_EQ(checked("o.jsonl"), "");
-}
-
-// ---- Logs
-
-TEST_F(orvreport, a_log_gives_the_verdict_of_its_capture)
-{
-    EXPECT_THAT(
-        shell("orvscan -S 'a news tag' -a on bad.ts >log 2>/dev/null; "
-              "orvreport --log log --max CC-BRK=0"),
-        ends(1, "log [a news tag]: EXCEEDED: CC-BRK 2 > 0; 3 alerts (2 CC-BRK, 1 PID-NDAT)\n", ""));
-    EXPECT_EQ(shell("orvscan -a on good.ts >log; orvreport --log log --max all=0").status, 0);
-}
-
-TEST_F(orvreport, logs_of_every_sort_have_their_status)
-{
-    const std::string line = "2026-11-21 11:50:37.152091 UTC 25526  ALERT CC-MLR n 7 2 pkt[9]\n";
-    const std::string torn = line + line.substr(0, 60);
-    const std::string stats = "STAT GLOBAL n 1 1 0 0 0 3\nSTAT ALERT-count n 0 0 0 0 0 4 0 0\n";
-    // Text, limit; status, standard output and error.
-    const std::tuple<std::string, std::string, int, std::string, std::string> cases[] = {
-        {line + std::string(9999, '\0') + torn, "", 0,
-         "[n]: no limits; 2 alerts (2 CC-MLR); 2 damaged lines",
-         "has 2 damaged lines, the first is line 2"},
-        {torn, "--max damaged=0", 1, "EXCEEDED: damaged 1 > 0", "line 2"},
-        {torn, "--max all=1", 1, "EXCEEDED: all 2 > 1", ""},
-        {line + std::string(10'000'000, 'x') + "\n", "", 0, "1 damaged line", "line 2"},
-        {"", "", 4, "no line of an analyzer in it", ""},
-        {good, "", 4, "no line of an analyzer in it", "damaged"},
-        {"STAT GLOBAL n 1 0 0 0 0 0\n", "", 4, "[n]: no programme", ""},
-        // A host that logs no alerts is judged by its counters.
-        {stats, "--max CC-BRK=3", 1, "CC-BRK 4 > 3; 7 alerts (4 CC-BRK, 3 CC-MLR)", ""},
-        {stats + line, "--max CC-BRK=3", 0, "within limits; 1 alert (1 CC-MLR)", ""},
-        {line + "SIG(2)\n", "", 0, "1 alert", "has 1 line of other kinds, left alone"},
+    const std::string pipe = dir.path("pipe");
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    const std::tuple<std::vector<int>, std::vector<int>, std::string, std::string> cases[] = {
+        {{}, {SIGINT}, "interrupted at packet [0-9]+; ", "not begun; no alerts"},
+        {{SIGSTOP}, {SIGINT, SIGTERM}, "interrupted at packet [0-9]+; ", "not begun; no alerts"},
+        {{SIGKILL},
+         {},
+         "ended at packet [0-9]+ by signal 9 \\(Killed\\); ",
+         "no limits; no alerts"},
     };
-    for (const auto &[text, limit, status, out, err] : cases) {
-        dir.file("log", text);
-        EXPECT_THAT(shell("orvreport --log log " + limit),
-                    ends(status, HasSubstr(out), HasSubstr(err)));
+    for (const auto &[to_child, to_program, end, next] : cases) {
+        process run({ORVREPORT_PROGRAM, "-j", "1", "--junit", "/dev/stderr", "--json",
+                     dir.path("o.jsonl"), pipe, dir.path("good.ts")});
+        std::ofstream writer(pipe); // waits for its reader
+        writer << bad << std::flush;
+        const std::string pid = std::to_string(run.pid());
+        for (const int signo : to_child)
+            kill(std::stoi(file_text("/proc/" + pid + "/task/" + pid + "/children")), signo);
+        for (const int signo : to_program)
+            run.send(signo);
+        EXPECT_THAT(run.wait(),
+                    ends(5, AllOf(ContainsRegex(pipe + ": " + end), HasSubstr("good.ts: " + next)),
+                         HasSubstr("</testsuites>")));
+        EXPECT_EQ(checked("o.jsonl"), "");
+        EXPECT_EQ(lines_with(text("o.jsonl"), "\"summary\"").size(), 2U);
     }
 }
 
-TEST_F(orvreport, records_that_are_broken_are_told)
+// ---- Memory
+
+// What a run leaves behind: its words, its status and its outputs.
+std::string left_by(const orvreport &test, const std::string &variables)
 {
-    const std::string record = shell("orvreport -q --json - bad.ts").out;
-    dir.file("torn", record.substr(0, record.size() - 40));
-    EXPECT_THAT(shell("orvreport --merge torn"),
-                ends(5, HasSubstr("bad.ts: its record has no end; 3 alerts"),
-                     HasSubstr("torn has 1 line that is no record, the first is line 4")));
-    for (const std::string broken :
-         {"", "{\"record\":", "[[[[", "{\"record\":\"alert\",\"capture\":1}"}) {
-        dir.file("r", broken);
-        EXPECT_EQ(shell("orvreport --merge r").status, broken.empty() ? 4 : 3) << broken;
-    }
+    return test
+        .shell("rm -f o*; " + variables +
+               " orvreport -q -j 1 --max all=9 --json o --junit o.xml --html o.html bad.ts "
+               "--log kinds.log --merge r --limits limits -C settings 2>&1; echo $?; "
+               "cat o* 2>&1 | sed 's/_ms\":[0-9]*//g' | cksum")
+        .out;
 }
 
-// ---- Pictures
-
-TEST_F(orvreport, a_page_of_many_alerts_stays_small_and_counts_them_all)
+TEST_F(orvreport, says_so_without_memory_and_leaves_no_half_output)
 {
-    std::string log;
-    for (unsigned i = 0; i < 200000; ++i) {
-        const auto number = [](unsigned n) { return std::to_string(n); };
-        log += "ALERT AV-DELTA+ n pts 256 5 " + number(256 + i % 40) + " 7 " + number(i % 977) +
-               " [0:1[" + number(i) + "]:(pcr=" + number(i * 300) + ")+" + number(i % 7) + "]\n";
-    }
-    dir.file("log", log);
-    EXPECT_EQ(shell("orvreport -q --html p.html --log log").status, 0);
-    const std::string page = text("p.html");
-    EXPECT_LT(page.size(), 1'000'000U);
-    EXPECT_THAT(page, HasSubstr("<td class=\"n\">256</td><td class=\"n\">5000</td>"));
-    EXPECT_THAT(page, HasSubstr("<td class=\"n\" data-key=\"200000\">200000</td>"));
-    EXPECT_THAT(page, HasSubstr(", largest 976 ms"));
+    if (ORVSCAN_FAIL_ALLOC[0] == '\0')
+        GTEST_SKIP() << "the sanitizer has allocations of its own";
+    shell("orvreport -q --json r two.ts; echo CC-BRK=1 >limits; echo 'orv: {stream_analyzer: "
+          "{enabled = true;};};' >settings");
+    const std::string whole = left_by(*this, ""), memory = ": Cannot allocate memory\n2\n",
+                      none = shell("echo \"cat: 'o*': No such file or directory\" | cksum").out;
+    size_t ended = 0;
+    for (const auto &[variable, last] : {std::pair("", 40000), {"FAIL_ALLOC_FORKED=1 ", 9}})
+        for (int number = 1; number <= last; number += 1 + number / 6) {
+            const std::string left = left_by(
+                *this, std::string(variable) + "LD_PRELOAD=" ORVSCAN_FAIL_ALLOC " FAIL_ALLOC=" +
+                           std::to_string(number));
+            ended += left == "orvreport: cannot go on" + memory + none ? 1U : 0U;
+            EXPECT_THAT(left, AnyOf(whole, "orvreport: cannot go on" + memory + none,
+                                    ContainsRegex("^orvreport: cannot write o[^:]*" + memory),
+                                    StartsWith("3\n")))
+                << variable << number;
+        }
+    EXPECT_GT(ended, 40U);
 }
+
+// ---- The page
 
 // In a browser: what a reader sees, with its script run.
 TEST_F(orvreport, a_browser_shows_the_numbers_of_the_log)

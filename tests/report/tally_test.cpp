@@ -1,40 +1,13 @@
-// Limits, and the bins of pictures.
+// The bins of pictures, and the line of progress.
 
 #include "report/bins.h"
-#include "report/verdict.h"
+#include "report/progress.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
 
 namespace {
-
-TEST(verdict, limits_are_read_or_refused_with_a_reason)
-{
-    const std::pair<const char *, const char *> cases[] = {
-        {"CC-BRK=0", "CC-BRK=0"},
-        {" AV-DELTA+ / 257 = 12 ", "AV-DELTA+/257=12"},
-        {"all/0=18446744073709551615", "all/0=18446744073709551615"},
-        {"damaged=1", "damaged=1"},
-        {"CC-BRK", "is not of the form"},
-        {"CC-BRQ=0", "unknown kind; known are all, damaged, CC-BRK"},
-        {"cc-brk=0", "unknown kind"},
-        {"CC-BRK=", "has no number"},
-        {"CC-BRK=-1", "has no number"},
-        {"CC-BRK=18446744073709551616", "has no number"},
-        {"CC-BRK/8192=1", "names no PID"},
-        {"CC-BRK/=1", "names no PID"},
-        {"damaged/5=1", "names no PID"},
-    };
-    for (const auto &[text, expected] : cases) {
-        alert_limit limit;
-        const std::string fault = parse_limit(text, &limit);
-        EXPECT_THAT(fault.empty() ? limit_name(limit) + "=" + std::to_string(limit.max) : fault,
-                    testing::HasSubstr(expected))
-            << text;
-    }
-}
 
 TEST(bins, keep_every_alert_and_the_largest_value)
 {
@@ -59,6 +32,22 @@ TEST(bins, keep_every_alert_and_the_largest_value)
         EXPECT_NEAR(static_cast<double>(series.bins.size()) * series.width, range,
                     2 * series.width);
     }
+}
+
+TEST(progress, is_shown_now_and_then_with_the_time_that_is_left)
+{
+    const auto before = std::chrono::steady_clock::now() - std::chrono::seconds(1000);
+    progress_line line{
+        .is_wanted = true, .total = 3, .total_bytes = 75'000'000'000, .start = before};
+    testing::internal::CaptureStderr();
+    show_progress(&line, 2, 50'000'000'000);
+    show_progress(&line, 2, 60'000'000'000); // at once
+    line.shown = before;
+    show_progress(&line, 3, 75'000'000'000);
+    end_progress(&line);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "\r\033[K2 of 3 captures, 50000.0 MB, 50 MB/s, 500 s left"
+              "\r\033[K3 of 3 captures, 75000.0 MB, 75 MB/s\r\033[K");
 }
 
 } // namespace

@@ -1,11 +1,13 @@
-// Preloaded into a program, lets the allocation number FAIL_ALLOC fail, counted from 1. Those the
-// settings library calls for are let alone: it does not look whether it got any.
+// Preloaded into a program, lets the allocation number FAIL_ALLOC fail, counted from 1; with
+// FAIL_ALLOC_FORKED, in processes that it forks alone. Those the settings library calls for are let
+// alone: it does not look whether it got any.
 
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <dlfcn.h>
 #include <string_view>
+#include <unistd.h>
 
 extern "C" {
 void *__libc_malloc(size_t size);
@@ -18,22 +20,26 @@ void fail_no_more();
 namespace {
 
 long g_left;
+pid_t g_spared; // process without failures
 
 __attribute__((constructor)) void set_number()
 {
     const char *number = getenv("FAIL_ALLOC");
     g_left = number == nullptr ? 0 : strtol(number, nullptr, 10);
+    g_spared = getenv("FAIL_ALLOC_FORKED") != nullptr ? getpid() : 0;
 }
 
 bool fails(const void *caller)
 {
     Dl_info from{};
-    if (g_left <= 0 ||
+    if (g_left <= 0 || getpid() == g_spared ||
         (dladdr(caller, &from) != 0 &&
          std::string_view(from.dli_fname).find("libconfig") != std::string_view::npos))
         return false;
+    if (--g_left != 0)
+        return false;
     errno = ENOMEM;
-    return --g_left == 0;
+    return true;
 }
 
 char *copy_of(const char *text)
