@@ -38,9 +38,8 @@ TEST(snapshot, takes_lines_while_there_is_room_and_shows_them_visibly)
     EXPECT_EQ(a.textlen, 39);
     EXPECT_TRUE(is_ctxt_full(&a));
     add_ctxt_line(&a, "d");
-    const std::string zero(1, '\0');
-    const std::string shown =
-        "a\\\\\\x0a\\x1f\\x7f\n" + std::string(15, 'b') + "\n" + std::string(15, 'c') + zero + "\n";
+    const std::string shown = "a\\\\\\x0a\\x1f\\x7f\n" + std::string(15, 'b') + "\n" +
+                              std::string(15, 'c') + std::string("\0\n", 2);
     EXPECT_EQ(written([&](FILE *fp) { dump_ctxt(fp, "head", &a); }), "head\n" + shown);
     EXPECT_EQ(written([&](FILE *fp) { dump_ctxt(fp, nullptr, &a); }), shown);
     dump_ctxt(nullptr, nullptr, &a);
@@ -56,8 +55,6 @@ TEST(snapshot, takes_lines_while_there_is_room_and_shows_them_visibly)
     EXPECT_EQ(b.textlen * 1000 + b.buflen, 39040);
     EXPECT_EQ(a.textlen + a.buflen, 0);
     EXPECT_EQ(written([&](FILE *fp) { dump_ctxt(fp, nullptr, &a); }), "");
-    EXPECT_EQ(open_ctxt(&a, PTRDIFF_MAX), -1);
-    EXPECT_EQ(a.buf, nullptr);
 }
 
 TEST(snapshot, of_any_length_is_written_in_blocks)
