@@ -98,7 +98,6 @@ struct capture_tally {
     std::array<std::optional<uint64_t>, ALERT_KINDS> source_alerts; // the engine's, of the source
     std::map<lane_key, alert_lane> lanes;
     uint64_t damaged = 0, foreign = 0; // lines
-    uint64_t damaged_at = 0;           // number of the first damaged line
     bool has_stats = false;
     bool wants_time = false;            // stream time is reckoned
     bool wants_bins = false;            // series are kept for pictures

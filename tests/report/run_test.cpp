@@ -70,7 +70,7 @@ std::string played(const std::string &command, const run_result &run)
     return text + "= " + std::to_string(run.status) + "\n\n";
 }
 
-// ORVREPORT_RECORD=1 build-release/report_tests --gtest_filter='*transcript*' writes them anew.
+// ORVSCAN_RECORD=1 build-release/report_tests --gtest_filter='*transcript*' writes them anew.
 TEST_P(orvreport, gives_what_the_transcript_says)
 {
     const std::string path = ORVSCAN_ROOT "/tests/report/transcripts/" + std::string(GetParam());
@@ -84,7 +84,7 @@ TEST_P(orvreport, gives_what_the_transcript_says)
     std::string text;
     for (const std::string &command : commands)
         text += played(command, shell(command));
-    if (getenv("ORVREPORT_RECORD") != nullptr)
+    if (getenv("ORVSCAN_RECORD") != nullptr)
         std::ofstream(path) << text;
     EXPECT_EQ(text, kept);
 }
