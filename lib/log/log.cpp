@@ -184,20 +184,30 @@ __attribute__((format(printf, 3, 0))) int make_line(const log_ctx *log, int leve
 
 // ---- Writing it
 
-// Goes on behind the first `done` bytes of a line on an unbuffered stream. Returns how many are
-// written in the end: a signal is no reason to stop, a stream that takes nothing more is.
+// Goes on behind the first `done` bytes of a line on an unbuffered stream, or makes a buffered one
+// take the first byte. Returns how many are written in the end: a signal is no reason to stop, a
+// stream that takes nothing more is.
 size_t write_rest(FILE *fp, const char *text, size_t len, size_t done)
 {
     for (int i = 0; i < MAX_TRIES && done < len; ++i) {
         clearerr(fp); // or it would be taken for an error of the lines to come
         errno = 0;
-        const size_t n = fwrite(text + done, 1, len - done, fp);
+        size_t n = fwrite(text + done, 1, len - done, fp);
+        if (n == len - done && ferror(fp) != 0)
+            n = 0; // a buffer has taken it, and was dropped
         done += n;
         if (n == 0 && errno != EINTR)
             break;
     }
     clearerr(fp);
     return done;
+}
+
+// Whether a buffered stream takes a line whole or not at all: a pipe does.
+bool is_line_pipe(FILE *fp)
+{
+    struct stat st {};
+    return __flbf(fp) != 0 && fstat(fileno(fp), &st) == 0 && S_ISFIFO(st.st_mode);
 }
 
 // What is left to do when a stream has not taken `text` without complaint.
@@ -208,6 +218,7 @@ __attribute__((cold)) void recover(FILE *fp, line_loss *loss, const char *text, 
     if (is_buffered) { // the C library has dropped what it could not write
         clearerr(fp);
         ++loss->count;
+        loss->is_cut = !is_line_pipe(fp);
         return;
     }
     done = write_rest(fp, text, len, done);
@@ -236,8 +247,10 @@ __attribute__((cold)) void put_line_directly(FILE *fp, line_loss *loss)
             break;
         done += static_cast<size_t>(std::max<ssize_t>(n, 0));
     }
-    if (done != len)
-        ++loss->count;
+    if (done == len)
+        return;
+    ++loss->count;
+    loss->is_cut = done > 0;
 }
 
 // Writes the buffer, up to its terminating zero.

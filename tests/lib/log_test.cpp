@@ -8,6 +8,7 @@
 #include <gmock/gmock.h>
 
 #include <cerrno>
+#include <fcntl.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -69,6 +70,7 @@ TEST_F(logger, lays_out_a_line)
         log_set_pfx(&g_log, pfx);
         log_set_pid(&g_log, pid);
         log_timefmt(&g_log, flags);
+        EXPECT_EQ(log_get_pid(&g_log), pid);
         EXPECT_EQ(logbuf_prepare(&g_log, level, "%s\n", "text"), 5);
         log_flush(&g_log, level);
         return app.take();
@@ -77,6 +79,7 @@ TEST_F(logger, lays_out_a_line)
     EXPECT_EQ(line("", 42, 0, MIN_level), "2026-03-01 12:00:00.000007 UTC 42  text\n");
     EXPECT_EQ(line(nullptr, -1, f_RAW_TIME, MIN_level + 1), "1772366400.000007 ( ? )  text\n");
     log_set_group(&g_log, 0x4E435346); // FSCN
+    EXPECT_EQ(log_get_group(&g_log), 0x4E435346U);
     EXPECT_EQ(line("a b", 42, f_FMT_SECONDS, PANIC_level),
               "a b  2026-03-01 12:00:00 UTC 42  (PNC)  FSCN  text\n");
     EXPECT_EQ(line(nullptr, 0, f_MONOTONIC_TIMER, INFO_level),
@@ -113,7 +116,9 @@ TEST_F(logger, tells_its_own_failures_on_standard_error)
     EXPECT_EQ(failure(0, INT64_MAX, "text\n"),
               "gmtime_r/localtime_r: Value too large for defined data type\n"
               "logbuf_prepare: time buffer error (n=-1)\n");
-    EXPECT_EQ(app.take(), "begun  (ERR)  begun  ");
+    EXPECT_EQ(failure(f_TIMER_ID, 1, "text\n"), "logbuf_prepare: unsupported timer value: 3\n");
+    EXPECT_THAT(failure(0, -1, "text\n"), StartsWith("clock_gettime: "));
+    EXPECT_EQ(app.take(), "begun  (ERR)  begun  begun  begun  ");
 }
 
 TEST_F(logger, filters_by_module_and_section)
@@ -130,6 +135,11 @@ TEST_F(logger, filters_by_module_and_section)
     g_sec_ll[3] = NORM_level;
     LOG_STMT(DEBUG_level, "%d\n", ++evaluated);
     EXPECT_EQ(app.take(), "(NRM)  1\n(CRI)  2\n(DBG)  3\n");
+    log_push_mlevels();
+    log_set_modules(&g_log, INFO_level);
+    log_push_mlevels(); // one deep
+    log_pop_mlevels();
+    EXPECT_EQ(g_mod_ll[5], CRIT_level);
 }
 
 // The handler speaks when the outer line has its prefix, and when it waits to be written.
@@ -197,7 +207,9 @@ TEST_F(logger, writes_lines_whole_or_counts_them)
         {{2, -ENOSPC}, "fi\nsecond\n", 1}, // a line feed ends the piece
         {{2, -ENOSPC, -ENOSPC}, "fi", 2},
         {std::vector<int>(101, -EINTR), "second\n", 1}, // not for ever
-        {{-ENOSPC}, "second\n", 1, _IOLBF},
+        {{-ENOSPC}, "\nsecond\n", 1, _IOLBF},           // how much was written, nobody knows
+        {{2, -EINTR, -EINTR}, "fi\nsecond\n", 1, _IOLBF},
+        {{2, -ENOSPC, -ENOSPC}, "fi", 2, _IOLBF},
     };
     for (const auto &c : cases) {
         stepping_stream stream(c.steps, c.buffering);
@@ -213,18 +225,31 @@ TEST_F(logger, writes_lines_whole_or_counts_them)
     }
 }
 
-// What docs/logs.md tells hosts that log to a command to do.
-TEST_F(logger, survives_the_end_of_its_command)
+// Two lines that cannot be written, then one that can.
+TEST_F(logger, goes_on_when_it_can_be_written_again)
 {
     signal(SIGPIPE, SIG_IGN);
-    ASSERT_EQ(log_popen(&g_log, "exec true"), LOG_OK);
-    while (log_lost(&g_log) == 0)
-        LOG_STMT(NORM_level, "nobody reads this\n");
-    log_close(&g_log);
-    ASSERT_EQ(log_popen(&g_log, ("cat >" + dir.path("log")).c_str()), LOG_OK);
-    LOG_STMT(NORM_level, "anew\n");
-    log_close(&g_log);
-    EXPECT_EQ(file_text(dir.path("log")), "(NRM)  anew\n");
+    int unread[2];
+    ASSERT_EQ(pipe(unread), 0);
+    close(unread[0]);
+    for (const int bad : {open("/dev/full", O_WRONLY), unread[1], -1})
+        for (line_loss *loss : {&g_log.loss, &g_access_log.loss, &g_log.mirror_loss}) {
+            const int good = open(dir.file("log", "").c_str(), O_WRONLY);
+            FILE *fp = fdopen(dup(good), "a");
+            g_log.fp = loss == &g_log.loss ? fp : nullptr;
+            g_access_log.fp = loss == &g_access_log.loss ? fp : nullptr;
+            log_mirror(&g_log, loss == &g_log.mirror_loss ? fp : nullptr);
+            setvbuf(fp, nullptr, _IOLBF, 0);
+            for (const int fd : {bad, bad, good}) {
+                fd < 0 ? close(fileno(fp)) : dup2(fd, fileno(fp));
+                LOG_STMT(NORM_level, "line\n");
+                log_access("(NRM)  line\n");
+            }
+            EXPECT_EQ(file_text(dir.path("log")), // a pipe takes lines whole
+                      (bad == unread[1] ? "" : "\n") + std::string("(NRM)  line\n"));
+            EXPECT_EQ(std::exchange(*loss, {}).count, 2U);
+            fclose(fp);
+        }
     signal(SIGPIPE, SIG_DFL);
 }
 
@@ -314,9 +339,48 @@ TEST_F(logger, traces_calls)
 
 TEST_F(logger, names_levels)
 {
-    int level = 9;
-    EXPECT_EQ(match_log_level("Warning", &level), LOG_OK);
-    EXPECT_EQ(level, WARN_level);
-    EXPECT_EQ(match_log_level("panic", &level), LOG_FAILED);
-    EXPECT_STREQ(log_level_str(CRIT_level), "ctitical");
+    std::string names, levels;
+    for (const int level : {MIN_level + 0, -4, -3, -2, -1, 0, 1, 2, 3, SECTION_level + 0})
+        names += get_level_tag(level) + std::string(log_level_str(level)) + " " +
+                 std::to_string(get_syslog_pri(level)) + " ";
+    EXPECT_EQ(names, "( ? )?? 7 (PNC)panic 1 (ERR)error 3 (CRI)ctitical 2 (WRN)warning 4 "
+                     "(NRM)normal 5 (INF)info 6 (DBG)debug 7 ( ? )?? 7 (SCT)section 7 ");
+    for (const char *word : {"err", "error", "crit", "critical", "warn", "Warning", "norm",
+                             "normal", "info", "debug", "dbg", "section", "sect", "panic"}) {
+        int level = 9;
+        const int rc = match_log_level(word, &level);
+        levels += std::to_string(rc == LOG_OK ? level : rc * 10) + " ";
+    }
+    EXPECT_EQ(levels, "-3 -3 -2 -2 -1 -1 0 0 1 2 2 64 64 -10 ");
+    EXPECT_EQ(read_level_env("ORVSCAN_TEST_LEVEL", 7), 7);
+    for (const auto &[text, level] : {std::pair{"0", 0}, {"-3", -3}, {"2x", 2}, {"abc", 7}}) {
+        setenv("ORVSCAN_TEST_LEVEL", text, 1);
+        EXPECT_EQ(read_level_env("ORVSCAN_TEST_LEVEL", 7), level) << text;
+    }
+}
+
+TEST_F(logger, rotates_files_only)
+{
+    CaptureStderr();
+    ASSERT_EQ(log_open_ex(&g_log, nullptr, 0), LOG_OK);
+    glog_enable_syslog("tests");
+    log_close(&g_log);
+    EXPECT_EQ(log_fp(&g_log), stderr);
+    EXPECT_EQ(g_log.syslg.option | g_log.syslg.facility, LOG_PID | LOG_CONS | LOG_LOCAL0);
+    EXPECT_EQ(log_rotate(&g_log), LOG_OK);
+    strcpy(g_log.name, "named");
+    EXPECT_EQ(log_rotate(&g_log), LOG_FAILED);
+    log_popen(&g_log, "exit");
+    EXPECT_EQ(log_rotate(&g_log), LOG_FAILED);
+    EXPECT_EQ(GetCapturedStderr(), "log_rotate: nothing to rotate.\n"
+                                   "log_rotate: stdout and stderr cannot be rotated.\n"
+                                   "log_rotate: not supported for pipe-based streams.\n");
+    log_close(&g_log);
+    EXPECT_FALSE(g_log.syslg.enabled);
+    EXPECT_DEATH(glog_init(nullptr), "glog_init: invariant `app_tag != nullptr' broken");
+    g_logmod = {};
+    EXPECT_DEATH(log_open_ex(&g_log, "x", 0), "log_open_ex: invariant `g_logmod.is_ready' broken");
+    EXPECT_DEATH(log_popen(&g_log, "x"), "log_popen: invariant `g_logmod.is_ready' broken");
+    log_set_group(&g_log, UINT64_MAX);
+    EXPECT_DEATH(logbuf_prepare(&g_log, 0, "x"), "append_group: invariant `log->group.sym8");
 }

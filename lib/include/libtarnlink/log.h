@@ -9,10 +9,12 @@
 // Failures of the logger itself are told on standard error, never through the logger.
 //
 // A line is written whole or counted as lost (log_lost), and never stops those that follow. On an
-// unbuffered stream (log files and standard error are) a write that a signal cuts short goes on
-// where it was; on a buffered one (pipes, mirrors) the line is lost then, as it is when the disk is
-// full or nobody reads the pipe any more. What was written of a lost line gets its line feed before
-// the next one. A host that logs to a command's input must ignore SIGPIPE.
+// unbuffered stream (log files and standard error are) a write that a signal cuts short, for want
+// of SA_RESTART, goes on where it was; on a buffered one (pipes, mirrors) the line is lost then, as
+// it is when the disk is full or nobody reads the pipe any more. What was written of a lost line
+// gets its line feed before the next one; as nobody knows how much a buffered stream has written,
+// unless it is a pipe, an empty line may stand there. What a stream that the host buffers fully
+// drops at once counts as one line. A host that logs to a command's input must ignore SIGPIPE.
 //
 // It is meant for one thread. Inside a signal handler (g_sigctx set) syslog and rotation are left
 // out; statements may be made there, nothing else. A line that is under way stays whole; the
