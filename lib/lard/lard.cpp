@@ -464,17 +464,17 @@ int lard_printf(lard_t lh, const char *fmt, ...)
     va_list measured;
     va_start(args, fmt);
     va_copy(measured, args);
-    int n = vsnprintf(nullptr, 0, fmt, measured); // a text that does not fit must not be begun
+    const int n =
+        vsnprintf(nullptr, 0, fmt, measured); // a text that does not fit must not be begun
     va_end(measured);
+    int appended = LARD_NO_APPEND;
     if (can_append(lh, n)) {
         const ring_change change(lh);
-        vsnprintf(append_position(lh), lh->buflen, fmt, args);
-        account_for(lh, static_cast<size_t>(n));
-    } else {
-        n = LARD_NO_APPEND;
+        if (vsnprintf(append_position(lh), lh->buflen, fmt, args) == n) // memory may have run out
+            appended = account_for(lh, static_cast<size_t>(n));
     }
     va_end(args);
-    return n;
+    return appended;
 }
 
 void lard_set_temp(lard_t lh, int32_t temp)

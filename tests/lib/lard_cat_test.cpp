@@ -45,12 +45,10 @@ struct lard_cat : testing::Test {
 
 } // namespace
 
-TEST_F(lard_cat, shows_a_live_writers_ring) { shows(nullptr, "alive"); }
-
-TEST_F(lard_cat, shows_a_closed_ring) { shows(lard_close, "closed"); }
-
-TEST_F(lard_cat, shows_a_crashed_writers_ring)
+TEST_F(lard_cat, shows_a_ring_and_its_writers_end)
 {
+    shows(nullptr, "alive");
+    shows(lard_close, "closed");
     shows([](lard_t) { raise(SIGKILL); }, "crashed");
 }
 

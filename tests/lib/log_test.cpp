@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <fcntl.h>
+#include <malloc.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -60,7 +61,10 @@ struct stepping_stream {
     FILE *fp = fopencookie(this, "w", {nullptr, write, nullptr, nullptr});
 };
 
-extern "C" void c_host_speaks();
+extern "C" {
+void c_host_speaks();
+long fail_allocation(long number) __attribute__((weak)); // support/fail_alloc.cpp
+}
 
 } // namespace
 
@@ -251,6 +255,52 @@ TEST_F(logger, goes_on_when_it_can_be_written_again)
             fclose(fp);
         }
     signal(SIGPIPE, SIG_DFL);
+}
+
+TEST_F(logger, lives_without_memory)
+{
+    if (fail_allocation == nullptr)
+        GTEST_SKIP() << "the sanitizer has allocations of its own";
+    static const std::string path = dir.path("log"), name = "log_test." + std::to_string(getpid());
+    static const lard_t ring = lard_create(name.c_str(), 64);
+    static char text[99];
+    int (*const works[])() = {[] { return lard_printf(ring, "%.20000f", 7.0); },
+                              [] { return snprintf_btrace(text, sizeof text, "%d", 7); },
+                              [] {
+                                  const int rc = log_popen(&g_log, "cat >/dev/null");
+                                  LOG_STMT(NORM_level, "line\n");
+                                  log_close(&g_log);
+                                  return rc;
+                              },
+                              [] {
+                                  if (log_open_ex(&g_log, path.c_str(), 0) != LOG_OK)
+                                      return int{LOG_FAILED};
+                                  config_syslog(&g_log, "ident", LOG_PERROR, LOG_USER);
+                                  LOG_STMT(WARN_level, "line\n");
+                                  const int rc = log_rotate(&g_log);
+                                  LOG_STMT(WARN_level, "line\n");
+                                  EXPECT_NE(log_fp(&g_log), nullptr); // a lost file was tried again
+                                  log_close(&g_log);
+                                  return rc;
+                              }};
+    CaptureStderr();
+    log_default(&g_log, stderr);
+    std::vector<int> failures;
+    for (const auto work : works)
+        for (size_t round = 0, held = 0; round < 2; ++round) { // some is allocated once and kept
+            failures.resize(failures.size() + (round == 0 ? 1 : 0));
+            for (long number = 1, left = 0; left == 0; ++number) {
+                fail_allocation(number);
+                failures.back() += work() < 0 ? 1 : 0;
+                left = fail_allocation(0);
+            }
+            EXPECT_LE(round * mallinfo2().uordblks, held);
+            held = mallinfo2().uordblks;
+        }
+    GetCapturedStderr();
+    EXPECT_THAT(failures, ElementsAre(8, Ge(2), 4, 4));
+    EXPECT_EQ(lard_snapshot(ring, fileno(tmpfile())), 2 * 20002);
+    lard_destroy(ring);
 }
 
 TEST_F(logger, tells_of_a_stream_that_cannot_be_closed)

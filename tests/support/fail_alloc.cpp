@@ -1,6 +1,7 @@
 // Preloaded into a program, lets the allocation number FAIL_ALLOC fail, counted from 1; with
 // FAIL_ALLOC_FORKED, in processes that it forks alone. Those the settings library calls for are let
-// alone: it does not look whether it got any.
+// alone: it does not look whether it got any. Tests that it is part of choose the number with
+// fail_allocation.
 
 #include <cerrno>
 #include <cstdlib>
@@ -8,6 +9,7 @@
 #include <dlfcn.h>
 #include <string_view>
 #include <unistd.h>
+#include <utility>
 
 extern "C" {
 void *__libc_malloc(size_t size);
@@ -15,6 +17,7 @@ void *__libc_calloc(size_t count, size_t size);
 void *__libc_realloc(void *old, size_t size);
 char *__strdup(const char *text) noexcept;
 void fail_no_more();
+long fail_allocation(long number);
 }
 
 namespace {
@@ -51,12 +54,15 @@ char *copy_of(const char *text)
 
 } // namespace
 
+#pragma GCC visibility push(default)
 #define FAILS fails(__builtin_return_address(0))
 
 extern "C" {
 
 // For what a build's instruments do when the program has ended.
 void fail_no_more() { g_left = 0; }
+// Returns the number that was left: 0 when that allocation has failed.
+long fail_allocation(long number) { return std::exchange(g_left, number); }
 
 void *malloc(size_t size) { return FAILS ? nullptr : __libc_malloc(size); }
 void *calloc(size_t count, size_t size) { return FAILS ? nullptr : __libc_calloc(count, size); }

@@ -75,8 +75,8 @@ lard_t lard_create(const char *name, size_t npages);
 lard_t lard_open(const char *name);
 
 // Appends text, which must be shorter than the ring; the printf form formats it first. Returns the
-// number of bytes appended, or LARD_NO_APPEND: nothing to append, too long, a reader's handle, or a
-// signal handler that has interrupted another append.
+// number of bytes appended, or LARD_NO_APPEND: nothing to append, too long, a reader's handle, no
+// memory to format it, or a signal handler that has interrupted another append.
 int lard_puts(lard_t lh, const char *str);
 int lard_printf(lard_t lh, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
 
