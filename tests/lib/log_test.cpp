@@ -385,6 +385,10 @@ TEST_F(logger, traces_calls)
     EXPECT_THAT(buf, StartsWith("at 7:\n#0: "));
     EXPECT_THAT(std::string(buf), AllOf(HasSubstr("\n#1: "), EndsWith("\n")));
     EXPECT_EQ(snprintf_btrace(buf, 4, "at %d:\n", 7), LOG_FAILED);
+    EXPECT_EQ(btrace_to_buf(buf, 0), 0);
+    EXPECT_EQ(buf[0], 'a'); // as it was
+    EXPECT_EQ(btrace_to_buf(buf, 4), 3);
+    EXPECT_STREQ(buf, "#0:");
 }
 
 TEST_F(logger, names_levels)

@@ -35,8 +35,18 @@ TEST_F(timeop, timed_out_is_strictly_later)
 {
     const auto out = [](timespec last, timespec tmout, timespec now) {
         g_now = now;
-        return timed_out(&last, &tmout);
+        const int is_out = timed_out(&last, &tmout);
+        EXPECT_EQ(timed_out_real(&last, &tmout), is_out);
+        g_now = {};
+        EXPECT_EQ(timed_out_ext(&last, &tmout, &now), is_out);
+        const tspan last_span{TSPAN_TIME, {last}};
+        tspan tmout_span{TSPAN_TIME, {}};
+        set_tspan(&tmout_span, &tmout, 0);
+        EXPECT_EQ(tspan_timed_out(&last_span, &tmout_span, &now, 0), is_out != 0);
+        return is_out;
     };
+    EXPECT_EQ(out({1, 500}, {2, 0}, {2, 900}), 0);
+    EXPECT_EQ(out({1, 500}, {2, 0}, {4, 0}), 1);
     EXPECT_EQ(out({1, 500}, {2, 500}, {3, 1000}), 0);
     EXPECT_EQ(out({1, 500}, {2, 500}, {3, 1001}), 1);
     EXPECT_EQ(out({1, 999999999}, {0, 1}, {2, 0}), 0);
@@ -51,6 +61,8 @@ TEST_F(timeop, a_difference_has_no_sign)
     EXPECT_EQ(diff_ms(&a, nullptr), 2100);
     EXPECT_EQ(diff_ms(nullptr, &a), 2100);
     EXPECT_EQ(diff_ms(nullptr, nullptr), 0);
+    const timespec none{-1, 7000000};
+    EXPECT_EQ(tms2ms(&none), -1);
 }
 
 TEST_F(timeop, makes_time_strings)
@@ -78,6 +90,15 @@ TEST_F(timeop, follows_the_zone)
     EXPECT_EQ(after("CST7"), "2026-07-01 09:00:00 EST");
     get_timezone(1);
     EXPECT_EQ(after("UTC"), "2026-07-01 16:00:00 CST");
+    testing::internal::CaptureStderr();
+    g_now.tv_sec = INT64_MAX;
+    EXPECT_EQ(get_timezone(1), nullptr);
+    g_now.tv_sec = MARCH_1;
+    EXPECT_EQ(after("<a-name-too-long>0"), "2026-07-01 16:00:00 CST");
+    EXPECT_EQ(get_timezone(1), nullptr);
+    EXPECT_EQ(text_of({JULY_1, 0}, f_FMT_SECONDS), "2026-07-01 16:00:00#ERR#");
+    EXPECT_THAT(testing::internal::GetCapturedStderr(),
+                testing::MatchesRegex("localtime_r: Value too large .*\nstrftime: .*\n"));
 }
 
 TEST_F(timeop, refuses_what_does_not_fit)
@@ -112,14 +133,21 @@ TEST_F(timeop, stamps_are_true_under_signals)
 
 TEST_F(timeop, reads_time_strings_back)
 {
-    const auto seconds = [](const char *text, uint32_t flags) {
+    const auto read = [](const char *text, uint32_t flags) {
         timespec tms{9, 9};
-        return scan_log_time(text, &tms, flags) < 0 ? 0 : tms.tv_sec;
+        const int n = scan_log_time(text, &tms, flags);
+        return std::tuple<int, time_t, long>(n, tms.tv_sec, tms.tv_nsec);
     };
-    EXPECT_EQ(seconds("2026-03-01 12:00:00.123456 EST", 0), MARCH_1);
-    EXPECT_EQ(seconds("2026-07-01 12:00:00", f_FMT_SECONDS), JULY_1 + 3600); // no summer time
-    EXPECT_EQ(seconds("2026-03-01 12:00:00", 0), 0);
-    EXPECT_EQ(seconds("1969-12-31 18:59:59", f_FMT_SECONDS), 0);
+    constexpr std::tuple<int, time_t, long> FAILED{TIME_FAILED, 0, 0};
+    EXPECT_EQ(read("2026-03-01 12:00:00.123456 EST", 0), std::tuple(7, MARCH_1, 123456000));
+    EXPECT_EQ(read("2026-07-01 12:00:00", f_FMT_SECONDS), // no summer time
+              std::tuple(6, JULY_1 + 3600, 0));
+    EXPECT_EQ(read("60.999999", f_RAW_TIME), std::tuple(2, 60, 999999000));
+    EXPECT_EQ(read("60", f_RAW_TIME), FAILED);
+    EXPECT_EQ(read("2026-03-01 12:00:00", 0), FAILED);
+    EXPECT_EQ(read("2026-03-01 12:00", f_FMT_SECONDS), FAILED);
+    EXPECT_EQ(read("1969-12-31 18:59:59", f_FMT_SECONDS), FAILED);
+    EXPECT_EQ(app.take(), "(ERR)  scan_log_time: cannot make time from [1969-12-31 18:59:59]\n");
 }
 
 TEST_F(timeop, ticks_wrap)
@@ -135,6 +163,12 @@ TEST_F(timeop, ticks_wrap)
     EXPECT_TRUE(over(5, 3, 8));
     EXPECT_FALSE(over(UINT32_MAX, 2, 1));
     EXPECT_TRUE(over(UINT32_MAX, 2, 2));
+    static tspan none{}, ticks{TSPAN_TICKS, {}};
+    EXPECT_DEATH(set_tspan(&none, nullptr, 0), "set_tspan: invariant `0' broken");
+    EXPECT_DEATH(tspan_timed_out(&none, &none, nullptr, 0), "tspan_timed_out: invariant `0'");
+    EXPECT_DEATH(tspan_timed_out(&none, &ticks, nullptr, 0), "`tmout->mode == last->mode' broken");
+    g_now.tv_sec = -1;
+    EXPECT_DEATH(now_seconds(), "clock_gettime: ");
 }
 
 TEST_F(timeop, spans_and_dates)
@@ -147,6 +181,12 @@ TEST_F(timeop, spans_and_dates)
     EXPECT_STREQ(span(86400, sizeof buf), "01d 00h:00m:00s");
     EXPECT_STREQ(span(86399, 12), "23h:59m:59s");
     EXPECT_STREQ(span(59, 10), "failed");
+    EXPECT_STREQ(span(86400, 3), "failed");
+    EXPECT_STREQ(span(86400, 14), "failed");
+    EXPECT_EQ(get_endofday_utime(MARCH_1), MARCH_1 + 43199);
+    EXPECT_EQ(get_endofday_utime(INT64_MAX), TIME_FAILED);
+    EXPECT_EQ(app.take(), "(ERR)  get_endofday_utime: localtime_r() FAILED\n");
+    EXPECT_EQ(mk_gmt_date(INT64_MAX, buf, 11), TIME_FAILED);
     EXPECT_EQ(mk_gmt_date(MARCH_1, buf, 11), TIME_OK);
     EXPECT_STREQ(buf, "2026-03-01");
     EXPECT_EQ(mk_gmt_date(MARCH_1, buf, 9), TIME_FAILED);
