@@ -130,7 +130,7 @@ void free_lctx(lard_ctx *lc, bool destroy)
     const std::unique_ptr<lard_ctx> freed(lc);
     const lard_dbuf &dbuf = lc->dbuf;
     if (lc->meta != nullptr && !dbuf.is_reader && lc->meta->owner_pid == getpid())
-        std::atomic_ref(lc->meta->is_closed).store(1, std::memory_order_release);
+        __atomic_store_n(&lc->meta->is_closed, 1, __ATOMIC_RELEASE);
     unmap(lc->meta, sizeof *lc->meta, "munmap(META)");
     close_object(lc, lc->mfd, destroy, "meta", "shm_unlink (META)");
     unmap(dbuf.ddz, dbuf.zlen, "munmap(DZ)");
@@ -370,8 +370,8 @@ int account_for(lard_ctx *lc, size_t n)
         len = lc->buflen;
     }
     // The text is there before the record speaks of it.
-    std::atomic_ref(m->pld_start).store(start % lc->buflen, std::memory_order_release);
-    std::atomic_ref(m->pld_len).store(len, std::memory_order_release);
+    __atomic_store_n(&m->pld_start, start % lc->buflen, __ATOMIC_RELEASE);
+    __atomic_store_n(&m->pld_len, len, __ATOMIC_RELEASE);
     set_now(&m->write_tm);
     push_sample(lc->meta, 0);
     return static_cast<int>(n);

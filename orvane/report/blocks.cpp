@@ -11,10 +11,7 @@ constexpr size_t TORN_BYTES =
 
 } // namespace
 
-line_blocks::line_blocks(size_t bytes)
-    : buf(std::make_unique_for_overwrite<char[]>(bytes)), size(bytes)
-{
-}
+line_blocks::line_blocks(size_t bytes) : buf(new char[bytes]), size(bytes) {}
 
 std::span<char> blocks_room(line_blocks *in)
 {

@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <numeric>
 #include <sys/mman.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
@@ -150,6 +151,36 @@ TEST_F(lard, runs_over_the_end_of_the_ring)
                   start > 0 ? last.substr(0, turn + 1) + last.substr(turn, start - 1) : all);
     }
     lard_destroy(ring);
+}
+
+TEST_F(lard, outlives_a_killed_writer)
+{
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    const pid_t writer = fork();
+    if (writer == 0) {
+        const lard_t ring = create();
+        lard_printf(ring, "more and more lines\n");
+        for (alarm(60), close(ready[1]);;)
+            lard_printf(ring, "more and more lines\n");
+    }
+    close(ready[1]);
+    char byte = 0;
+    EXPECT_EQ(read(ready[0], &byte, 1), 0); // the writer has begun
+    close(ready[0]);
+    const lard_t reader = open();
+    bool crashed = true;
+    EXPECT_TRUE(lard_is_active(reader, &crashed));
+    EXPECT_FALSE(crashed);
+    for (int i = 0; i < 1000; ++i)
+        ASSERT_LE(text().size(), page + 1);
+    kill(writer, SIGKILL);
+    waitpid(writer, nullptr, 0);
+    EXPECT_FALSE(lard_is_active(reader, &crashed));
+    EXPECT_TRUE(crashed);
+    EXPECT_NE(text().find("more and more lines\n"), std::string::npos);
+    EXPECT_EQ(lard_puts(reader, "readers do not write"), LARD_NO_APPEND);
+    lard_close(reader);
 }
 
 TEST_F(lard, keeps_its_order_under_signals)
