@@ -114,5 +114,6 @@ void analyse_in_child(const tsan_config &settings, const std::string &path,
     const run_end end = run_capture(th, &cap, progress);
     tsan_check_ndat(th);
     tsan_alog_stats(th);
+    tsan_free(th);
     leave(end, progress);
 }
