@@ -464,8 +464,8 @@ int lard_printf(lard_t lh, const char *fmt, ...)
     va_list measured;
     va_start(args, fmt);
     va_copy(measured, args);
-    const int n =
-        vsnprintf(nullptr, 0, fmt, measured); // a text that does not fit must not be begun
+    // A text that does not fit must not be begun.
+    const int n = vsnprintf(nullptr, 0, fmt, measured);
     va_end(measured);
     int appended = LARD_NO_APPEND;
     if (can_append(lh, n)) {

@@ -217,9 +217,8 @@ TEST(roads, are_the_same_to_every_user)
 
 TEST(roads, are_as_they_were_to_inputs_of_the_fuzzer)
 {
-    for (const char *folder : {"/packets", "/roads"})
-        for (const auto &entry :
-             std::filesystem::directory_iterator(ORVSCAN_CORPUS + std::string(folder))) {
+    for (const std::string folder : {"packets", "roads"})
+        for (const auto &entry : std::filesystem::directory_iterator(ORVSCAN_CORPUS "/" + folder)) {
             const std::string text = file_text(entry.path());
             const std::span in(reinterpret_cast<const uint8_t *>(text.data()), text.size());
             if (in.size() < SETTINGS_LEN)
@@ -228,7 +227,8 @@ TEST(roads, are_as_they_were_to_inputs_of_the_fuzzer)
             const road_input input = steps_of(in.subspan(SETTINGS_LEN));
             if (input.packets.empty())
                 continue;
-            ASSERT_NO_FATAL_FAILURE(walk(entry.path().filename(), settings_of(in), input.steps));
+            ASSERT_NO_FATAL_FAILURE(walk(folder + "-" + entry.path().filename().string(),
+                                         settings_of(in), input.steps));
         }
 }
 
@@ -242,7 +242,8 @@ TEST(roads, show_tables_as_they_did)
         c.section(0x100, octets(text.begin(), text.end()));
         c.payload(0x100);
         const road_step steps[] = {{.pkt = c.at(0)}, {.pkt = c.at(1)}};
-        ASSERT_NO_FATAL_FAILURE(walk(entry.path().filename(), every_check(), steps));
+        ASSERT_NO_FATAL_FAILURE(
+            walk("pmt-" + entry.path().filename().string(), every_check(), steps));
     }
 }
 
