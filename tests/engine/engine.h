@@ -40,7 +40,8 @@ struct engine {
     std::string log() { return feed(), app.take(); }
     std::string alerts() { return feed(), access.take(); }
 
-    test_clock clock{1000};
+    inline static time_t start = 0; // limits of the whole process are due again at each
+    test_clock clock{start += 10000};
     log_text app{&g_log}, access{&g_access_log};
     tsan_t t = nullptr;
     capture_builder c;

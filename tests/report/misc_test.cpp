@@ -3,26 +3,11 @@
 #include "misc/aggr.h"
 #include "misc/ctxt.h"
 #include "misc/mstime.h"
+#include "support/lines.h"
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <functional>
-
 namespace {
-
-// What is written to a stream.
-std::string written(const std::function<void(FILE *)> &write)
-{
-    char *text = nullptr;
-    size_t size = 0;
-    FILE *fp = open_memstream(&text, &size);
-    write(fp);
-    fclose(fp);
-    const std::string copy(text, size);
-    free(text);
-    return copy;
-}
 
 TEST(snapshot, takes_lines_while_there_is_room_and_shows_them_visibly)
 {

@@ -4,6 +4,7 @@
 #include "support/capture.h"
 #include "support/lines.h"
 #include "support/process.h"
+#include "support/transcript.h"
 
 #include <gmock/gmock.h>
 
@@ -56,37 +57,9 @@ std::vector<std::string> matches(const std::string &text, const std::string &exp
     return {std::sregex_token_iterator(text.begin(), text.end(), re, 1), {}};
 }
 
-// ---- Transcripts
-
-// What a command gives as it stands in a transcript: it begins with "$ " and goes on with "> ";
-// behind its output follow the lines of standard error with "! " and the status with "= ".
-std::string played(const std::string &command, const run_result &run)
-{
-    std::string text = command + "\n", err = unstamped(run.err);
-    replace_all(&text, "\n", "\n> ");
-    text = "$ " + text.substr(0, text.size() - 2) + unstamped(run.out);
-    for (const std::string &line : split_lines(err))
-        text += "! " + line + "\n";
-    return text + "= " + std::to_string(run.status) + "\n\n";
-}
-
-// ORVSCAN_RECORD=1 build-release/report_tests --gtest_filter='*transcript*' writes them anew.
 TEST_P(orvreport, gives_what_the_transcript_says)
 {
-    const std::string path = ORVSCAN_ROOT "/tests/report/transcripts/" + std::string(GetParam());
-    const std::string kept = file_text(path);
-    std::vector<std::string> commands;
-    for (const std::string &line : split_lines(kept))
-        if (line.starts_with("$ "))
-            commands.push_back(line.substr(2));
-        else if (line.starts_with("> "))
-            commands.back() += "\n" + line.substr(2);
-    std::string text;
-    for (const std::string &command : commands)
-        text += played(command, shell(command));
-    if (getenv("ORVSCAN_RECORD") != nullptr)
-        std::ofstream(path) << text;
-    EXPECT_EQ(text, kept);
+    replay(ORVSCAN_ROOT "/tests/report/transcripts/" + std::string(GetParam()), dir.path());
 }
 INSTANTIATE_TEST_SUITE_P(the, orvreport,
                          Values("captures.txt", "faults.txt", "logs.txt", "pages.txt",

@@ -58,3 +58,15 @@ std::string file_text(const std::string &path)
     std::ifstream in(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(in), {}};
 }
+
+std::string written(const std::function<void(FILE *)> &write)
+{
+    char *text = nullptr;
+    size_t size = 0;
+    FILE *fp = open_memstream(&text, &size);
+    write(fp);
+    fclose(fp);
+    const std::string copy(text, size);
+    free(text);
+    return copy;
+}

@@ -1,6 +1,8 @@
 // Looks at log text, and temporary folders for the files of a test.
 #pragma once
 
+#include <cstdio>
+#include <functional>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -33,3 +35,5 @@ private:
 };
 
 std::string file_text(const std::string &path);
+// What is written to a stream.
+std::string written(const std::function<void(FILE *)> &write);
