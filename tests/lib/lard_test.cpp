@@ -111,12 +111,14 @@ TEST_F(lard, takes_texts_that_are_shorter_than_the_ring)
 {
     const std::string longest(page - 1, 'x'), too_long = longest + "x";
     const lard_t ring = create();
-    EXPECT_EQ(lard_puts(ring, ""), LARD_NO_APPEND);
+    EXPECT_EQ(lard_puts(ring, ""), -7);
     EXPECT_EQ(lard_puts(ring, too_long.c_str()), LARD_NO_APPEND);
     EXPECT_EQ(lard_printf(ring, "%s", too_long.c_str()), LARD_NO_APPEND);
     EXPECT_EQ(text(), "");
     EXPECT_EQ(lard_printf(ring, "%s", longest.c_str()), static_cast<int>(page) - 1);
     EXPECT_EQ(text(), longest);
+    EXPECT_EQ(lard_snapshot(ring, ::open("/dev/full", O_WRONLY)), LARD_FAILED);
+    EXPECT_EQ(errno, ENOSPC);
     lard_destroy(ring);
     const lard_t other = create();
     EXPECT_EQ(lard_puts(other, longest.c_str()), static_cast<int>(page) - 1);

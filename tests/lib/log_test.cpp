@@ -420,6 +420,7 @@ TEST_F(logger, rotates_files_only)
     glog_enable_syslog("tests");
     log_close(&g_log);
     EXPECT_EQ(log_fp(&g_log), stderr);
+    EXPECT_EQ(g_log.is_pipe, 0);
     EXPECT_EQ(g_log.syslg.option | g_log.syslg.facility, LOG_PID | LOG_CONS | LOG_LOCAL0);
     EXPECT_EQ(log_rotate(&g_log), LOG_OK);
     strcpy(g_log.name, "named");
