@@ -35,16 +35,18 @@ std::string played(const std::string &command, const run_result &run)
 void replay(const std::string &path, const std::string &folder)
 {
     const std::string kept = file_text(path);
-    std::vector<std::string> commands;
-    for (const std::string &line : split_lines(kept))
-        if (line.starts_with("$ "))
-            commands.push_back(line.substr(2));
-        else if (line.starts_with("> "))
-            commands.back() += "\n" + line.substr(2);
     std::string text;
-    for (const std::string &command : commands)
-        text += played(command, run_shell(folder, command));
+    for (size_t start = 0, end = 0; start < kept.size(); start = end) {
+        end = std::min(kept.find("\n$ ", start), kept.size() - 1) + 1;
+        const std::string scene = kept.substr(start, end - start);
+        std::string command;
+        for (const std::string &line : split_lines(scene))
+            if (line.starts_with("$ ") || line.starts_with("> "))
+                command += (command.empty() ? "" : "\n") + line.substr(2);
+        const std::string now = played(command, run_shell(folder, command));
+        EXPECT_EQ(now, scene);
+        text += now;
+    }
     if (getenv("ORVSCAN_RECORD") != nullptr)
         std::ofstream(path) << text;
-    EXPECT_EQ(text, kept);
 }
