@@ -288,6 +288,7 @@ TEST_F(lard, a_writer_that_may_not_be_signalled_exists)
     EXPECT_DEATH(lard_set_temp(ring, -1), "invariant `m->sns.sum >= 0' broken");
     g_fault = {"munmap", 1, EPERM};
     EXPECT_DEATH(lard_close(ring), "munmap\\(META\\): Operation not permitted");
+    EXPECT_EQ(record().is_closed, 0U); // by a child, which is not the writer
     g_fault = {};
     lard_destroy(ring);
 }

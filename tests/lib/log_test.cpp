@@ -416,6 +416,7 @@ TEST_F(logger, names_levels)
 TEST_F(logger, rotates_files_only)
 {
     CaptureStderr();
+    strcpy(g_log.name, "former");
     ASSERT_EQ(log_open_ex(&g_log, nullptr, 0), LOG_OK);
     glog_enable_syslog("tests");
     log_close(&g_log);
