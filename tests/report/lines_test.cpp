@@ -99,6 +99,7 @@ TEST(lines, what_is_no_machine_line_is_told_apart)
         {head + "STAT PRG n 256 1 2 3 4 5 6 7", "damaged"},
         {std::string(70, '\0'), "damaged"},
         {std::string(70, '\0') + head + good, found},
+        {std::string(70, '\0') + good, "CC-MLR n segment=7 count=2 at -1:-1[9] rescued"},
         {head + "ALERT CC-MLR n 7 " + head + good, found},
     };
     for (const auto &[line, result] : cases)

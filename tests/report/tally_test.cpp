@@ -27,6 +27,8 @@ TEST(bins, keep_every_alert_and_the_largest_value)
         EXPECT_EQ(count, 5000U);
         EXPECT_EQ(max, 99U);
         EXPECT_LE(series.bins.size(), MAX_BINS);
+        const auto of_max = static_cast<int64_t>(std::floor((3 + 4000 * step) / series.width));
+        EXPECT_EQ(series.bins.at(static_cast<size_t>(of_max - series.first)).max, 99U) << step;
         const auto at = static_cast<double>(series.first) * series.width;
         EXPECT_NEAR(at, std::min(3.0, 3 + 4999 * step), series.width);
         EXPECT_NEAR(static_cast<double>(series.bins.size()) * series.width, range,
