@@ -92,7 +92,7 @@ TEST(sections, broken_packets_cost_the_sections_they_break)
         {"a pointer to the last byte", "0123", {2, 1, 3, {0x41, 0, 0x12, 182}}, "b", {1}},
         {"a pointer past the packet", "0123", {2, 1, 3, {0x41, 0, 0x12, 183}}, "b", {1, 1}},
         {"1025 bytes", "0123", {0, 5, 3, {0, 0xb3, 0xfe}}, "b", {0, 1}},
-        {"1025 private bytes", "0123", {0, 5, 3, {0x40, 0xb3, 0xfe}}, "b"},
+        {"1025 bytes of DSM-CC", "0123", {0, 5, 3, {0x38, 0xb3, 0xfe}}, "b"},
         {"4097 private bytes", "0123", {0, 5, 3, {0x40, 0x3f, 0xfe}}, "b", {0, 1}},
         {"11 bytes", "0123", {3, 5, 3, {2, 0xb0, 8}}, "a", {0, 1}},
         {"stuffing", "0123", {3, 5, 1, {0xff}}, "a"},
@@ -133,6 +133,10 @@ TEST(sections, not_asked_for_are_gone_and_what_is_open_can_be_forgotten)
     g.reset();
     EXPECT_EQ(gathered(&g, {in[2]}), packets{});
     EXPECT_EQ(g.refused(), faults{});
+    // One byte is as open as more, whatever was before.
+    gathered(&g, packets_of({private_section(400, 0x70)}));
+    EXPECT_EQ(gathered(&g, {packets_of({section_of(182), b})[0], in[0]}).size(), 2U);
+    EXPECT_EQ(g.refused(), faults{1});
 }
 
 TEST(sections, that_are_no_news_are_taken_again_in_sequence)

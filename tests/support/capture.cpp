@@ -88,7 +88,7 @@ void capture_builder::packet(unsigned pid, const packet_fields &fields)
         length = 183;
     if (fields.discontinuity)
         length = std::max(length.value_or(0), 1U);
-    if (fields.pcr)
+    if (fields.pcr && !fields.adaptation)
         length = std::max(length.value_or(0), 7U);
     const unsigned cc = fields.has_payload ? 0x10 | (m_cc[pid]++ & 15) : (m_cc[pid] - 1) & 15;
     const unsigned marks = (fields.unit_start ? 0x400000U : 0U) |
