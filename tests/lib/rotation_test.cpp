@@ -73,6 +73,10 @@ TEST_F(rotation, keeps_the_newest_files)
     say(111, "without the oldest file");
     EXPECT_EQ(file_text(path), rotated("111", 0) + "(ERR)  handle_rotation: unlink(" + path +
                                    ".110) ERROR(2) : No such file or directory\n");
+    g_sigctx = 1;
+    say(112, "in a handler");
+    g_sigctx = 0;
+    EXPECT_FALSE(fs::exists(path + ".112"));
 }
 
 // New York, clocks forward at two in the morning. The end of a day is reckoned in the zone time of

@@ -180,6 +180,7 @@ TEST_F(timeop, spans_and_dates)
     EXPECT_STREQ(span(90061, sizeof buf), "01d 01h:01m:01s");
     EXPECT_STREQ(span(86400, sizeof buf), "01d 00h:00m:00s");
     EXPECT_STREQ(span(86399, 12), "23h:59m:59s");
+    EXPECT_STREQ(span(59, 11), "00h:00m:59"); // fits but for its end
     EXPECT_STREQ(span(59, 10), "failed");
     EXPECT_STREQ(span(86400, 3), "failed");
     EXPECT_STREQ(span(86400, 14), "failed");
