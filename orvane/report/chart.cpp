@@ -295,7 +295,7 @@ data threshold_of(const axis &y, uint64_t ms)
     data threshold;
     const double at = y.at(static_cast<double>(ms));
     threshold.set("y", place(at));
-    threshold.set("label_y", place(at < PLOT_TOP + 14 ? at + 14 : at - 5));
+    threshold.set("label_y", place(at - 5)); // there is room: the axis goes on above it
     threshold.set("label", "allowed: " + std::to_string(ms) + " ms");
     return threshold;
 }
