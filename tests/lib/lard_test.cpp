@@ -141,6 +141,7 @@ TEST_F(lard, passes_its_name_on)
 TEST_F(lard, runs_over_the_end_of_the_ring)
 {
     const lard_t ring = create();
+    lard_set_temp(ring, 5);
     std::string all;
     for (int i = 0; i < 200; ++i) {
         all += std::to_string(100000 + i) + std::string(93, 'a') + "\n";
@@ -151,6 +152,7 @@ TEST_F(lard, runs_over_the_end_of_the_ring)
         const size_t turn = page - 1 - start;
         ASSERT_EQ(text(),
                   start > 0 ? last.substr(0, turn + 1) + last.substr(turn, start - 1) : all);
+        ASSERT_EQ(lard_get_ctemp(ring), i + 1 < MAX_SNS ? 5 : 0); // texts cool it down
     }
     lard_destroy(ring);
 }

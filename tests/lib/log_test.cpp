@@ -360,9 +360,11 @@ TEST_F(logger, opens_files)
 {
     const std::string path = dir.file("log", "old\n");
     ASSERT_EQ(log_open_ex(&g_log, path.c_str(), F_APPEND_OLD), LOG_OK);
+    log_mirror(&g_log, fdopen(fileno(log_fp(&g_log)), "a")); // the same file: nothing comes twice
     LOG_STMT(NORM_level, "appended\n");
     EXPECT_EQ(file_text(path), "old\n(NRM)  appended\n"); // at once
     EXPECT_EQ(g_log.total_out, 4U + 16U);
+    log_mirror(&g_log, nullptr);
     log_close(&g_log);
     ASSERT_EQ(log_open_ex(&g_log, path.c_str(), 0), LOG_OK);
     EXPECT_EQ(file_text(path), "");

@@ -90,6 +90,7 @@ TEST_F(rotation, at_the_end_of_the_day)
     for (const time_t set_at : {MARCH_8 - DAY, MARCH_8 + 3 * HOUR}) {
         const time_t limit = set_at < MARCH_8 ? MARCH_8 - 1 : MARCH_8 + DAY - HOUR - 1;
         log_set_rota(&g_log, 0, 128, set_at);
+        EXPECT_EQ(log_rota_maxfiles(&g_log), 16U); // for want of a number from 1 to 127
         say(limit, "before midnight");
         EXPECT_FALSE(fs::exists(path + "." + std::to_string(limit)));
         say(limit + 1, "midnight");
@@ -139,6 +140,10 @@ TEST_F(rotation, goes_on_after_a_failed_close)
     EXPECT_EQ(log_rotate(&g_log), LOG_FAILED);
     EXPECT_EQ(GetCapturedStderr(),
               "log_rotate: failed to close [" + path + "], ERROR(9): Bad file descriptor\n");
+    log_ctx closed = g_log;
+    log_close(&closed);
+    logbuf_prepare(&closed, NORM_level, "closed for good\n");
+    log_flush(&closed, NORM_level);
     say(101, "in the same file");
     EXPECT_EQ(file_text(path), "(NRM)  in the same file\n");
 }
