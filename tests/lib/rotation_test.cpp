@@ -146,6 +146,9 @@ TEST_F(rotation, goes_on_after_a_failed_close)
     log_flush(&closed, NORM_level);
     say(101, "in the same file");
     EXPECT_EQ(file_text(path), "(NRM)  in the same file\n");
+    g_log.loss.is_cut = true; // the piece goes with the file
+    EXPECT_EQ(log_rotate(&g_log), LOG_OK);
+    EXPECT_EQ(file_text(path), rotated("101", 0));
 }
 
 TEST(old_files, are_moved_aside)
