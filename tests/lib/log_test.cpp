@@ -182,6 +182,7 @@ TEST_F(logger, a_handlers_statements_leave_the_outer_line_whole)
 TEST_F(logger, a_handlers_statements_leave_the_outer_lines_stream_whole)
 {
     static unsigned outer, inner;
+    g_log.loss.is_cut = true; // of the stream before
     ASSERT_EQ(log_popen(&g_log, ("cat >" + dir.path("log")).c_str()), LOG_OK);
     do_interrupted([] { LOG_STMT(NORM_level, "outer %u\n", ++outer); },
                    [] { LOG_STMT(NORM_level, "inner %u\n", ++inner); });
@@ -360,6 +361,7 @@ TEST_F(logger, copies_alerts_to_syslog)
 TEST_F(logger, opens_files)
 {
     const std::string path = dir.file("log", "old\n");
+    g_log.loss.is_cut = true; // of the stream before
     ASSERT_EQ(log_open_ex(&g_log, path.c_str(), F_APPEND_OLD), LOG_OK);
     log_mirror(&g_log, fdopen(fileno(log_fp(&g_log)), "a")); // the same file: nothing comes twice
     LOG_STMT(NORM_level, "appended\n");
