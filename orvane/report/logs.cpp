@@ -4,7 +4,7 @@
 #include "report/lines.h"
 #include "report/record.h"
 
-#include <cstring>
+#include <cerrno>
 #include <fcntl.h>
 #include <map>
 #include <unistd.h>
@@ -139,22 +139,18 @@ void read_log(report_run *run, const std::string &path)
     log.run = run;
     log.path = path == "-" ? "/dev/stdin" : path;
     const int fd = open(log.path.c_str(), O_RDONLY | O_CLOEXEC);
-    int rc = fd < 0 ? -errno : 0;
+    int rc = fd < 0 ? -errno : 1;
     if (fd >= 0) {
         line_blocks in(BLOCK_BYTES);
         const auto parser = std::make_unique<line_parser>();
         text_line line;
-        while (g_interrupted == 0 && (rc = fill_blocks(&in, fd)) > 0)
+        while (g_interrupted == 0 && rc > 0) {
+            rc = fill_blocks(&in, fd);
             while (next_line(&in, &line))
                 take_line(&log, parser.get(), line);
-        while (next_line(&in, &line))
-            take_line(&log, parser.get(), line);
+        }
         close(fd);
     }
-    if (rc < 0)
-        close_log(&log, run_end::unreadable, std::string("cannot be read: ") + strerror(-rc));
-    else if (g_interrupted != 0)
-        close_log(&log, run_end::interrupted, "interrupted");
-    else
-        close_log(&log, run_end::log_read, "");
+    const reading_end how = end_of_reading(rc);
+    close_log(&log, how.end, how.reason);
 }

@@ -3,7 +3,7 @@
 #include "report/blocks.h"
 #include "report/record.h"
 
-#include <cstring>
+#include <cerrno>
 #include <fcntl.h>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -77,13 +77,13 @@ bool take_record(record_reading *in, std::string_view line)
 }
 
 // A summary knows more than the alerts that came with it, which may be fewer.
-void close_merged(record_reading *in, merged_capture *merged)
+void close_merged(record_reading *in, merged_capture *merged, bool is_interrupted)
 {
     capture_tally &tally = merged->capture->tally;
     std::vector<alert_limit> limits;
     if (merged->summary.is_null()) {
-        tally.end = run_end::killed;
-        tally.reason = "its record has no end";
+        tally.end = is_interrupted ? run_end::interrupted : run_end::killed;
+        tally.reason = is_interrupted ? "interrupted" : "its record has no end";
     } else {
         const uint64_t recorded = total_alerts(tally);
         std::vector<limit_result> results;
@@ -111,22 +111,22 @@ void take_lines(record_reading *in, line_blocks *blocks)
     }
 }
 
-void close_records(record_reading *in, int error)
+void close_records(record_reading *in, const reading_end &how)
 {
     for (merged_capture *merged : in->order)
-        close_merged(in, merged);
+        close_merged(in, merged, how.end == run_end::interrupted);
     if (in->damaged > 0) {
         tell(in->path, "has " + counted(in->damaged, "line") + " that " +
                            (in->damaged == 1 ? "is no record" : "are no records") +
                            ", the first is line " + std::to_string(in->first_damaged));
         raise_status(in->run, STATUS_UNREADABLE);
     }
-    if (error == 0 && (!in->order.empty() || in->damaged > 0))
+    const bool is_read = how.end == run_end::log_read;
+    if (is_read && (!in->order.empty() || in->damaged > 0))
         return;
-    judged_capture *capture = add_capture(in->run, in->path);
-    capture->tally.end = error != 0 ? run_end::unreadable : run_end::nothing;
-    capture->tally.reason =
-        error != 0 ? std::string("cannot be read: ") + strerror(error) : "no record in it";
+    judged_capture *capture = add_capture(in->run, in->path); // stands for what was not read
+    capture->tally.end = is_read ? run_end::nothing : how.end;
+    capture->tally.reason = is_read ? "no record in it" : how.reason;
     close_capture(in->run, capture);
 }
 
@@ -138,13 +138,14 @@ void read_records(report_run *run, const std::string &path)
     in.run = run;
     in.path = path == "-" ? "/dev/stdin" : path;
     const int fd = open(in.path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0)
-        return close_records(&in, errno);
-    line_blocks blocks(RECORD_BYTES);
-    int rc = 0;
-    while (g_interrupted == 0 && (rc = fill_blocks(&blocks, fd)) > 0)
-        take_lines(&in, &blocks);
-    take_lines(&in, &blocks);
-    close(fd);
-    close_records(&in, rc < 0 ? -rc : 0);
+    int rc = fd < 0 ? -errno : 1;
+    if (fd >= 0) {
+        line_blocks blocks(RECORD_BYTES);
+        while (g_interrupted == 0 && rc > 0) {
+            rc = fill_blocks(&blocks, fd);
+            take_lines(&in, &blocks);
+        }
+        close(fd);
+    }
+    close_records(&in, end_of_reading(rc));
 }

@@ -3,6 +3,8 @@
 #include "report/record.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 
 volatile sig_atomic_t g_interrupted;
 
@@ -30,6 +32,15 @@ void close_capture(report_run *run, judged_capture *capture,
 }
 
 void raise_status(report_run *run, int status) { run->status = std::max(run->status, status); }
+
+reading_end end_of_reading(int rc)
+{
+    if (rc > 0 || rc == -EINTR)
+        return {run_end::interrupted, "interrupted"};
+    if (rc < 0)
+        return {run_end::unreadable, std::string("cannot be read: ") + strerror(-rc)};
+    return {run_end::log_read, ""};
+}
 
 void tell(const std::string &name, const std::string &what)
 {

@@ -35,5 +35,13 @@ void close_capture(report_run *run, judged_capture *capture,
 
 void raise_status(report_run *run, int status);
 
+struct reading_end {
+    run_end end; // log_read, unreadable or interrupted
+    std::string reason;
+};
+// How it ended with a log or record, by the latest of its open(2) and read(2): 1 when there may be
+// more, 0 at the end, or minus the error number.
+reading_end end_of_reading(int rc);
+
 // Tells of a capture or log that something is wrong, on standard error.
 void tell(const std::string &name, const std::string &what);

@@ -123,6 +123,25 @@ TEST_F(orvreport, whoever_ends_it_what_is_known_is_kept)
     }
 }
 
+// The same of logs and records, of which the rest is not known.
+TEST_F(orvreport, what_was_not_read_of_a_log_or_record_is_told)
+{
+    const std::string pipe = dir.path("pipe"), record = shell("orvreport -q --json - good.ts").out;
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    dir.file("whole", record);
+    for (const std::string how : {"--merge", "--log"}) {
+        process run({ORVREPORT_PROGRAM, how, pipe, how, dir.path("whole")});
+        std::ofstream writer(pipe); // waits for its reader
+        writer << (how == "--log" ? "ALERT CC-MLR n 7 2 pkt[9]\n" : record) << std::flush;
+        run.send(SIGINT);
+        EXPECT_THAT(run.wait(), ends(5,
+                                     AllOf(ContainsRegex("/pipe( \\[n\\])?: interrupted; "),
+                                           HasSubstr("/whole: interrupted; no alerts")),
+                                     _))
+            << how;
+    }
+}
+
 // ---- Memory
 
 // What a run leaves behind: its words, its status and its outputs.
