@@ -309,8 +309,11 @@ std::string summary_text(const report_run &run)
 
 data rows_of(const report_run &run, const std::vector<std::string> &sections)
 {
+    std::vector<size_t> shown = by_weight(run);
+    shown.resize(std::min(shown.size(), MAX_ROWS));
+    std::sort(shown.begin(), shown.end()); // as they were named
     data rows(data::type::list);
-    for (size_t i = 0; i < run.captures.size() && i < MAX_ROWS; ++i) {
+    for (const size_t i : shown) {
         data row = row_of(run.captures[i]);
         if (i < sections.size() && !sections[i].empty())
             row.set("id", section_id(i));
@@ -336,7 +339,7 @@ std::string render_page(const report_run &run, const std::vector<std::string> &s
     if (without > 0 && !sections.empty())
         page.set("left_out", std::to_string(without) + " captures are in this table alone" +
                                  (run.captures.size() > MAX_ROWS
-                                      ? ", of which it shows the first " + std::to_string(MAX_ROWS)
+                                      ? ", of which it shows the worst " + std::to_string(MAX_ROWS)
                                       : "") +
                                  ": a page has room for a megabyte.");
     page.set("sections", std::accumulate(sections.begin(), sections.end(), std::string()));

@@ -1,10 +1,13 @@
 // Transcripts of the engine: captures and what a host does, in words, and what comes of it.
 //
-// In transcripts/*.txt "== TITLE" begins a scene. Lines with "set" or "track" follow, by which the
-// engine is made, and with "by" for the rules: default, iso or both. Every other line makes packets
-// or acts, with numbers as in C and octets as hexadecimal digits; "3x " does it three times. A line
-// with "?" asks, and may end with what the lines of the answer have in common. Answers stand below:
-// behind "|", or behind the names of the rules where they differ.
+// In transcripts/*.txt "== TITLE" begins a scene. Lines with "by" follow for the rules - default,
+// iso or both - and the settings that the engine is made with: "set" and "track" with words of -A
+// and -k, "silence" with packets until a stream is silent, "no alerts". Every other line makes
+// packets or acts, with numbers as in C and octets as hexadecimal digits; "3x " does it three
+// times. A line with
+// "?" asks, and may end with what the lines of the answer have in common. Answers stand below:
+// behind
+// "|", or behind the names of the rules where they differ.
 //
 // ORVSCAN_RECORD=1 build-release/engine_tests --gtest_filter='*transcript*' writes answers anew.
 
