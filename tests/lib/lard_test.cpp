@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <fcntl.h>
+#include <filesystem>
 #include <numeric>
 #include <sys/mman.h>
 #include <sys/wait.h>
@@ -84,6 +85,7 @@ TEST_F(lard, lays_out_its_objects)
     const lard_t ring = create(2);
     EXPECT_EQ(file_text(meta).size(), 328U);
     EXPECT_EQ(file_text(data).size(), 5 * page);
+    EXPECT_EQ(std::filesystem::status(data).permissions(), std::filesystem::perms{0600});
     const auto maps = lines_with(file_text("/proc/self/maps"), name + ".dat");
     EXPECT_NE(maps.back().find(" ---s "), std::string::npos); // none may touch the last page
     EXPECT_EQ(lard_puts(ring, "text\n"), 5);
@@ -117,6 +119,8 @@ TEST_F(lard, takes_texts_that_are_shorter_than_the_ring)
     EXPECT_EQ(text(), "");
     EXPECT_EQ(lard_printf(ring, "%s", longest.c_str()), static_cast<int>(page) - 1);
     EXPECT_EQ(text(), longest);
+    EXPECT_EQ(lard_puts(ring, "yz"), 2); // the ring begins at its second byte now
+    EXPECT_EQ(text(), std::string("z\0", 2) + longest.substr(2) + "y");
     EXPECT_EQ(lard_snapshot(ring, ::open("/dev/full", O_WRONLY)), LARD_FAILED);
     EXPECT_EQ(errno, ENOSPC);
     lard_destroy(ring);
@@ -230,6 +234,8 @@ TEST_F(lard, reader_survives_objects_that_shrink)
     record().pld_start = 2; // a text that may begin with a zero byte
     lard_close(ring);
     const lard_t reader = open();
+    EXPECT_FALSE(lard_is_active(reader, nullptr)); // though its writer lives
+    EXPECT_EQ(text(), std::string("xt\0te", 5));
     ASSERT_EQ(truncate(data.c_str(), 0), 0);
     EXPECT_EQ(lard_puts(reader, "readers do not write"), LARD_NO_APPEND);
     EXPECT_EQ(lard_snapshot(reader, STDOUT_FILENO), LARD_FAILED);
@@ -273,9 +279,10 @@ TEST_F(lard, leaves_nothing_behind_when_it_cannot_be_made)
         }
     g_fault = {"posix_fallocate", 1, EINTR};
     EXPECT_EQ(make(), 0); // tried again
+    EXPECT_EQ(lard_create(std::string(249, 'x').c_str(), 1), nullptr);
     for (const size_t npages : {size_t{0}, SIZE_MAX / page / 4})
         EXPECT_EQ(create(npages), nullptr);
-    EXPECT_EQ(split_lines(testing::internal::GetCapturedStderr()).size(), 13U);
+    EXPECT_EQ(split_lines(testing::internal::GetCapturedStderr()).size(), 14U);
 }
 
 TEST_F(lard, a_writer_that_may_not_be_signalled_exists)
@@ -305,5 +312,7 @@ TEST_F(lard, gets_every_statement)
     EXPECT_EQ(text(), "(DBG)  level 2\n(WRN)  level -1\n(PNC)  level -4\n");
     EXPECT_EQ(app.take(), "(WRN)  level -1\n(PNC)  level -4\n");
     EXPECT_EQ(lard_get_ctemp(g_log.lh), 5);
-    lard_destroy(g_log.lh);
+    g_log.fp = nullptr;
+    log_close(&g_log); // and its ring
+    EXPECT_EQ(text(), "no ring");
 }
