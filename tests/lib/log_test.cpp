@@ -137,6 +137,7 @@ TEST_F(logger, filters_by_module_and_section)
     g_llctx = {.mod = 0, .sec = 3}; // the statement's own level plays no part now
     LOG_STMT(PANIC_level, "%d\n", ++evaluated);
     g_sec_ll[3] = NORM_level;
+    log_default(&g_log, log_fp(&g_log)); // leaves the levels alone
     LOG_STMT(DEBUG_level, "%d\n", ++evaluated);
     EXPECT_EQ(app.take(), "(NRM)  1\n(CRI)  2\n(DBG)  3\n");
     log_push_mlevels();
@@ -144,6 +145,9 @@ TEST_F(logger, filters_by_module_and_section)
     log_push_mlevels(); // one deep
     log_pop_mlevels();
     EXPECT_EQ(g_mod_ll[5], CRIT_level);
+    g_mod_ll[5] = WARN_level;
+    log_pop_mlevels(); // nothing is set aside any more
+    EXPECT_EQ(g_mod_ll[5], WARN_level);
 }
 
 // The handler speaks when the outer line has its prefix, and when it waits to be written.
@@ -245,7 +249,8 @@ TEST_F(logger, goes_on_when_it_can_be_written_again)
             g_access_log.fp = loss == &g_access_log.loss ? fp : nullptr;
             g_log.mirror_loss.is_cut = true; // of the mirror before
             log_mirror(&g_log, loss == &g_log.mirror_loss ? fp : nullptr);
-            setvbuf(fp, nullptr, _IOLBF, 0);
+            if (loss != &g_log.mirror_loss) // mirrors become so
+                setvbuf(fp, nullptr, _IOLBF, 0);
             for (const int fd : {bad, bad, good}) {
                 fd < 0 ? close(fileno(fp)) : dup2(fd, fileno(fp));
                 LOG_STMT(NORM_level, "line\n");
@@ -324,7 +329,7 @@ TEST_F(logger, tells_of_a_stream_that_cannot_be_closed)
 TEST_F(logger, keeps_what_was_said_before_an_invariant_broke)
 {
     const std::string path = dir.path("log");
-    for (FILE **place : {&g_log.fp, &g_access_log.fp, &g_stats_log.mirror_fp}) {
+    for (FILE **place : {&g_log.fp, &g_access_log.fp, &g_stats_log.mirror_fp, &stdout}) {
         FILE *before = std::exchange(*place, fopen(path.c_str(), "w"));
         EXPECT_DEATH(
             {
@@ -367,9 +372,11 @@ TEST_F(logger, opens_files)
     LOG_STMT(NORM_level, "appended\n");
     EXPECT_EQ(file_text(path), "old\n(NRM)  appended\n"); // at once
     EXPECT_EQ(g_log.total_out, 4U + 16U);
-    log_mirror(&g_log, nullptr);
+    log_mirror(&g_log, log_fp(&g_log));
     log_close(&g_log);
+    EXPECT_EQ(log_mirror_fp(&g_log), nullptr);
     ASSERT_EQ(log_open_ex(&g_log, path.c_str(), 0), LOG_OK);
+    EXPECT_EQ(log_rotate(&g_log), LOG_OK); // without a ring: untold
     EXPECT_EQ(file_text(path), "");
     log_close(&g_log);
 }
@@ -378,7 +385,9 @@ TEST_F(logger, tells_why_a_file_cannot_be_opened)
 {
     CaptureStderr();
     EXPECT_EQ(log_open_ex(&g_log, ("/tmp" + std::string(124, '/') + "x").c_str(), 0), LOG_FAILED);
-    EXPECT_EQ(log_open_ex(&g_log, "/missing/log", 0), LOG_FAILED);
+    EXPECT_EQ(log_popen(&g_log, std::string(129, ' ').c_str()), LOG_FAILED);
+    EXPECT_EQ(log_open_ex(&g_log, ("/missing" + std::string(119, '/') + "x").c_str(), 0),
+              LOG_FAILED);
     EXPECT_THAT(GetCapturedStderr(), EndsWith(" ERROR(2): No such file or directory\n"));
 }
 
@@ -389,10 +398,10 @@ TEST_F(logger, traces_calls)
     EXPECT_EQ(length, static_cast<int>(strlen(buf)));
     EXPECT_THAT(buf, StartsWith("at 7:\n#0: "));
     EXPECT_THAT(std::string(buf), AllOf(HasSubstr("\n#1: "), EndsWith("\n")));
-    EXPECT_EQ(snprintf_btrace(buf, 4, "at %d:\n", 7), LOG_FAILED);
+    EXPECT_EQ(snprintf_btrace(buf, 6, "at %d:\n", 7), LOG_FAILED);
     EXPECT_EQ(btrace_to_buf(buf, 0), 0);
     EXPECT_EQ(buf[0], 'a'); // as it was
-    EXPECT_EQ(btrace_to_buf(buf, 4), 3);
+    EXPECT_EQ(snprintf_btrace(buf, 4, nullptr), 3);
     EXPECT_STREQ(buf, "#0:");
 }
 
@@ -430,6 +439,7 @@ TEST_F(logger, rotates_files_only)
     EXPECT_EQ(g_log.syslg.option | g_log.syslg.facility, LOG_PID | LOG_CONS | LOG_LOCAL0);
     EXPECT_EQ(log_rotate(&g_log), LOG_OK);
     strcpy(g_log.name, "named");
+    g_log.fp = stdout;
     EXPECT_EQ(log_rotate(&g_log), LOG_FAILED);
     log_popen(&g_log, "exit");
     EXPECT_EQ(log_rotate(&g_log), LOG_FAILED);
