@@ -87,6 +87,7 @@ TEST_F(rotation, at_the_end_of_the_day)
     tzset();
     constexpr time_t HOUR = 3600, DAY = 24 * HOUR, MARCH_8 = 1772946000; // 2026-03-08 00:00:00 EST
     open(0, 0);
+    EXPECT_EQ(log_rota_eod(&g_log), 0);
     for (const time_t set_at : {MARCH_8 - DAY, MARCH_8 + 3 * HOUR}) {
         const time_t limit = set_at < MARCH_8 ? MARCH_8 - 1 : MARCH_8 + DAY - HOUR - 1;
         log_set_rota(&g_log, 0, 128, set_at);
@@ -122,12 +123,16 @@ TEST_F(rotation, survives_a_folder_that_vanishes)
     say(103, "the last one in the old file");
     say(103, "lost");
     log_access("nowhere\n");
+    EXPECT_EQ(log_mirror_fp(&g_access_log), nullptr);
     EXPECT_EQ(log_rotate(&g_log), LOG_FAILED);
     EXPECT_THAT(GetCapturedStderr(), testing::HasSubstr("ERROR(2): No such file or directory - "
                                                         "rotation is to be stopped\nlog_open_ex"));
     EXPECT_EQ(log_lost(&g_log), 1U);
     fs::create_directory(dir.path());
     log_set_rota(&g_log, 0, 3, 0);
+    g_sigctx = 1;
+    say(104, "in a handler");
+    g_sigctx = 0;
     say(104, "back");
     EXPECT_EQ(file_text(path), "(NRM)  back\n");
 }
@@ -135,6 +140,7 @@ TEST_F(rotation, survives_a_folder_that_vanishes)
 TEST_F(rotation, goes_on_after_a_failed_close)
 {
     open(0, 3);
+    log_set_eod(&g_log, -1); // never
     CaptureStderr();
     close(fileno(g_log.fp));
     EXPECT_EQ(log_rotate(&g_log), LOG_FAILED);
