@@ -15,7 +15,7 @@ TEST(values, numbers_with_suffixes)
     const auto number = [](const std::string &text) {
         int64_t value = 7;
         const int rc = a2int64(text.c_str(), &value);
-        return rc == 0 ? value : rc;
+        return rc == 0 ? value : rc + value - 7; // it is left as it was
     };
     const std::pair<const char *, int64_t> cases[] = {{"20K", 20480},
                                                       {"10kB", 10240},
@@ -71,7 +71,7 @@ TEST(values, pcr_distances)
     log_text app(&g_log);
     EXPECT_EQ(calc_pcr_delta(P2_33 - 44999, 0, 0), 44999u); // the shorter side of the wrap
     EXPECT_EQ(calc_pcr_delta(P2_33 - 45000, 0, 0), 0u);
-    EXPECT_EQ(calc_pcr_delta(0, 5000, 0), 5000u);
+    EXPECT_EQ(calc_pcr_delta(0, 50000, F_MAX_PCRD), 50000u);
     EXPECT_EQ(calc_pcr_delta(10, 45010, F_MAX_PCRD), 45000u);
     EXPECT_EQ(calc_pcr_delta(10, 90000, F_MAX_PCRD), 89990u);
     EXPECT_EQ(pcr_delta_ms(0, 89), 0u);
