@@ -292,6 +292,10 @@ std::vector<lines> play(const lines &scene, bool iso)
             EXPECT_EQ(tsan_cli_opt(line.c_str() + 4, &cfg), TSAN_OK) << line;
         else if (line.starts_with("silence "))
             cfg.max_ndat_pcount = words(line).at(1);
+        else if (line.starts_with("period "))
+            cfg.dump_stats_period = words(line).at(1);
+        else if (line == "no log")
+            cfg.no_rlog = true;
         else if (line == "no alerts")
             cfg.access_log_alerts = false;
         else
