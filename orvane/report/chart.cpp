@@ -309,11 +309,11 @@ void add_plot(data *plots, const capture_tally &tally, const plot_kind &kind, bo
     if (views.empty())
         return;
     const uint64_t threshold = tally.checks ? *tally.checks.*kind.threshold : 0;
-    uint64_t largest = threshold;
+    uint64_t largest = 0;
     for (const lane_view &view : views)
         largest = std::max(largest, view.lane->max);
     const axis x = axis_of(tally, by_time, PLOT_LEFT, PLOT_RIGHT);
-    const uint64_t top = largest + largest / 12 + 1;
+    const uint64_t highest = std::max(largest, threshold), top = highest + highest / 12 + 1;
     const axis y{0, static_cast<double>(top), PLOT_BOTTOM, PLOT_TOP};
     data series(data::type::list);
     for (size_t i = 0; i < views.size(); ++i) {

@@ -213,7 +213,7 @@ data programmes_of(const capture_tally &tally)
         entry.set(
             "about",
             (programme.pmt_pid ? "PMT PID " + std::to_string(*programme.pmt_pid) + ", " : "") +
-                std::to_string(programme.tracks.size()) + " tracks");
+                counted(programme.tracks.size(), "track"));
         entry.set("tracks", tracks_of(programme));
         entry.set("averages", averages);
         if (tally.programmes.size() <= FEW)

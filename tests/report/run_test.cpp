@@ -106,7 +106,7 @@ TEST_F(orvreport, whoever_ends_it_what_is_known_is_kept)
          "no limits; no alerts"},
     };
     for (const auto &[to_child, to_program, end, next] : cases) {
-        process run({ORVREPORT_PROGRAM, "-j", "1", "--junit", "/dev/stderr", "--json",
+        process run({ORVREPORT_PROGRAM, "-j", "1", "--junit", "/proc/self/fd/2", "--json",
                      dir.path("o.jsonl"), pipe, dir.path("good.ts")});
         std::ofstream writer(pipe); // waits for its reader
         writer << bad << std::flush;
