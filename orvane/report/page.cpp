@@ -309,11 +309,11 @@ std::string summary_text(const report_run &run)
 
 data rows_of(const report_run &run, const std::vector<std::string> &sections)
 {
-    std::vector<size_t> shown = by_weight(run);
-    shown.resize(std::min(shown.size(), MAX_ROWS));
-    std::sort(shown.begin(), shown.end()); // as they were named
+    std::vector<size_t> kept = by_weight(run);
+    kept.resize(std::min(kept.size(), MAX_ROWS));
+    std::sort(kept.begin(), kept.end()); // as they were named
     data rows(data::type::list);
-    for (const size_t i : shown) {
+    for (const size_t i : kept) {
         data row = row_of(run.captures[i]);
         if (i < sections.size() && !sections[i].empty())
             row.set("id", section_id(i));
