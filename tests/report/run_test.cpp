@@ -20,14 +20,19 @@ using namespace testing;
 struct orvreport : TestWithParam<const char *> {
     orvreport()
     {
-        capture_builder fatal, pat, idle;
+        capture_builder fatal, pat, idle, changing;
         fatal.null(2);
         fatal.pat({{1, 0}});
         pat.pat({{1, 0x100}});
         idle.null(300);
+        changing.pat({{1, 0x100}});
+        for (unsigned version = 0; version < 32; ++version)
+            changing.pmt(0x100, {.version = version, .streams = {{0x1b, 0x101}}});
+        changing.pmt(0x100, {.pcr_pid = 0});
         dir.file("fatal.ts", fatal.text());
         dir.file("pat.ts", pat.text());
         dir.file("idle.ts", idle.text());
+        dir.file("changing.ts", changing.text()); // and fatal in the end
         dir.file("good.ts", good);
         dir.file("bad.ts", bad);
         dir.file("sync.ts", good.substr(0, PKT_SIZE * 9) + "x" + good);
