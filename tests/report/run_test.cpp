@@ -192,13 +192,17 @@ TEST_F(orvreport, a_browser_shows_the_numbers_of_the_log)
     if (shell("command -v chromium").status != 0)
         GTEST_SKIP() << "chromium is not installed";
     const std::string record =
-        shell("orvreport -q --json - --html p.html -A pcr_freq=79 bad.ts good.ts").out;
+        shell("cat good.ts good.ts >long.ts; "
+              "orvreport -q --json - --html p.html -A pcr_freq=79 long.ts bad.ts good.ts; "
+              "echo '<script>document.querySelectorAll(\"button\")[3].click()</script>' >>p.html")
+            .out;
     const run_result run =
         shell("exec chromium --headless --no-sandbox --disable-gpu --disable-quic --no-first-run "
               "--disable-background-networking --disable-component-update --disable-sync "
               "--user-data-dir=profile --dump-dom \"file://$PWD/p.html\"");
     ASSERT_EQ(run.status, 0) << run.err;
-    EXPECT_THAT(run.out, HasSubstr("<button>Alerts</button>")); // the script ran
+    EXPECT_THAT(matches(run.out, "<a href=\"#c[0-9]+\">([^<]*)"), // by packets: 553, 636, 1106
+                ElementsAre("good.ts", "bad.ts", "long.ts"));
     const auto counts = matches(run.out, "<rect [^>]*><title>[^<]*: (\\d+) alert");
     size_t sum = 0;
     for (const std::string &count : counts)
