@@ -183,6 +183,7 @@ const std::map<std::string, void (*)(stage *, const words &)> COMMANDS = {
     {"new-period", [](stage *e, const words &) { tsan_reset_local_stats(e->t); }},
     {"stat-lines", [](stage *e, const words &) { tsan_alog_stats(e->t); }},
     {"lost-sync", [](stage *e, const words &) { tsan_alert_lostsync(e->t); }},
+    {"number", [](stage *e, const words &w) { tsan_set_pidx(e->t, w.at(1)); }},
     {"untold",
      [](stage *e, const words &) {
          tsan_set_alert_callback(e->t, nullptr, nullptr);
