@@ -4,6 +4,7 @@
 #include "tsanalyze/pat.h"
 #include "tsanalyze/pids.h"
 #include "tsanalyze/presence.h"
+#include "tsanalyze/shortcuts.h"
 
 #include <libtarnlink/log.h>
 
@@ -138,6 +139,7 @@ void use_pat(tsan_ctx *tc, const psi_block &pat)
     for (section_gatherer &sections : tc->iso->pmt_sections)
         sections.unsettle();
     rebuild_pid_slots(tc);
+    forget_plain_of_shared(tc);
     if (!is_first) {
         alert_pat_diff(tc, nadded, ndel, count_listed(tc));
         reset_ndat_pcount(tc);

@@ -241,6 +241,7 @@ void process_PMT(tsan_ctx *tc, std::span<const uint8_t> bytes, uint32_t pid)
         if (add_pmt_stream(tc, &pld, j, entry) != -1)
             ++count;
     rebuild_pid_slots(tc);
+    forget_plain_of_shared(tc);
     LOG_STMT(INFO_level, "Added %zu streams from PMT (pid%u) at %s\n", count, pid,
              tag_text(tc).text);
     if (count != 0)

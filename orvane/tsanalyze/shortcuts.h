@@ -21,6 +21,7 @@
 #include "tsanalyze/count.h"
 
 #include <cstring>
+#include <span>
 
 // Chooses the shortcuts of a context by its settings.
 inline void choose_shortcuts(tsan_ctx *tc)
@@ -80,6 +81,16 @@ inline void forget_plain(stream_info *si)
 {
     si->cc.value = last_cc(*si);
     si->next_plain = 0;
+}
+
+// Takes the streams whose PID has another user by now off the shortcut: a plain packet is counted
+// for one. To be called when PIDs may mean more than they did.
+inline void forget_plain_of_shared(tsan_ctx *tc)
+{
+    for (program_info &pg : std::span(tc->pg, tc->nprogs))
+        for (stream_info &si : std::span(pg.stm, pg.nstreams))
+            if (si.next_user != nullptr)
+                forget_plain(&si);
 }
 
 // ---- Packets that mean nothing

@@ -81,7 +81,9 @@ void add_pmt(journey *j)
         pmt.descriptors = {0x45, 120, 0x01, 118};
         pmt.descriptors.resize(122, 0xe0);
     }
-    j->c.pmt(j->one_in(4) ? 0x200 : 0x100, pmt);
+    pmt.program = j->one_in(4) ? 2 : 1;
+    j->c.pmt(0x100 * pmt.program, pmt);
+    pmt.program = 1;
     while (j->one_in(2)) // tables are repeated, as a rule
         j->c.pmt(0x100, pmt);
 }
