@@ -12,6 +12,14 @@ double average(uint64_t total, uint64_t count)
 
 } // namespace
 
+void keep_extremes(aggr_val *av)
+{
+    if (av->count == 0)
+        return;
+    av->g_min = std::min(av->g_min, av->min);
+    av->g_max = std::max(av->g_max, av->max);
+}
+
 void reset_aval(aggr_val *av) { av->count = av->total = av->min = av->max = 0; }
 
 void dump_aval(FILE *fp, const char *msg, const aggr_val *av)

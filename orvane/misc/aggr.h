@@ -36,6 +36,9 @@ inline void inc_aval(aggr_val *av, uint64_t val)
     av->g_total += val;
 }
 
+// Lets the run's extremes have all of the period that ends.
+void keep_extremes(aggr_val *av);
+
 // Begins a new period.
 void reset_aval(aggr_val *av);
 

@@ -10,6 +10,7 @@
 #include <libtarnlink/timeop.h>
 
 #include <new>
+#include <span>
 
 namespace {
 
@@ -158,11 +159,12 @@ void tsan_next_seg(tsan_t tc)
 
 void tsan_reset_local_stats(tsan_t tc)
 {
-    for (size_t i = 0; i < tc->nprogs; ++i) {
-        reset_aval(&tc->pg[i].av_pdts_delta);
-        reset_aval(&tc->pg[i].av_pcr_delta);
-        reset_aval(&tc->pg[i].av_pcr_freq);
-    }
+    for (program_info &pg : std::span(tc->pg, tc->nprogs))
+        for (aggr_val *av : {&pg.av_pdts_delta, &pg.av_pcr_delta, &pg.av_pcr_freq}) {
+            if (tc->iso != nullptr)
+                keep_extremes(av);
+            reset_aval(av);
+        }
 }
 
 uint64_t tsan_get_pidx(tsan_t tc) { return tc->last_pkt_idx; }

@@ -85,11 +85,13 @@ void note_counter(tsan_ctx *tc, stream_info *si)
     if (!hdr_has_payload(tc->header) && !hdr_has_adaptation(tc->header))
         return;
     const int last = std::exchange(si->cc.value, hdr_cc(tc->header));
-    si->was_repeated = false;
-    if (!hdr_has_payload(tc->header))
+    const bool is_same = last == si->cc.value;
+    if (!hdr_has_payload(tc->header)) { // between two packets it makes neither of them another
+        si->was_repeated = si->was_repeated && is_same;
         return;
+    }
     const uint64_t number = fingerprint_of(tc);
-    si->was_repeated = last == si->cc.value && number == si->fingerprint;
+    si->was_repeated = is_same && number == si->fingerprint;
     si->fingerprint = number;
 }
 

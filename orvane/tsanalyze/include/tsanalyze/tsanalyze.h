@@ -41,7 +41,7 @@ typedef struct config_setting_t config_setting_t; // a settings group of libconf
 
 enum {
     MAX_PMTS = 32,           // programmes of a source; more are dropped with an error line
-    MAX_NSTREAMS = 64,       // elementary streams of a programme; more are dropped likewise
+    MAX_NSTREAMS = 64,       // entries of a PMT, read for elementary streams; more are not read
     MAX_STAG_LEN = 64,       // source tag, terminator included
     PKTIDX_LEN = 64,         // packet tag, terminator included
     MAX_PMT_TXT = 4096,      // bytes of a PMT's text snapshot
@@ -151,7 +151,8 @@ void tsan_next_seg(tsan_t t);
 int tsan_alert_lostsync(tsan_t t);
 
 // The number of the current packet, counted from 1 (0 before the first), and a way to set it for a
-// host that moves within its input.
+// host that moves within its input. Set to less than the number of the packet with the latest PCR,
+// the packets since that one are counted below 0, modulo 2^64, until the programme's next PCR.
 uint64_t tsan_get_pidx(tsan_t t);
 void tsan_set_pidx(tsan_t t, uint64_t pidx);
 
