@@ -125,11 +125,12 @@ data ticks_of(const axis &x)
 {
     data ticks(data::type::list);
     const double step = step_for(x.till - x.from, 10);
+    const int digits = std::max(3, static_cast<int>(std::ceil(-std::log10(step))));
     // NOLINTNEXTLINE(clang-analyzer-security.FloatLoopCounter): a dozen steps, above rounding
     for (double value = std::ceil(x.from / step) * step; value <= x.till; value += step) {
         data tick;
         tick.set("x", place(x.at(value)));
-        tick.set("label", short_number(value, 3));
+        tick.set("label", short_number(value, digits));
         ticks.push_back(tick);
     }
     return ticks;

@@ -290,7 +290,7 @@ std::string headline(const report_run &run)
         return "All " + std::to_string(total) + " captures " +
                (run.limits.empty() ? "analysed, no limits" : "within limits");
     return std::to_string(total - good) + " of " + std::to_string(total) +
-           " captures have a problem";
+           (total - good == 1 ? " captures has a problem" : " captures have a problem");
 }
 
 std::string summary_text(const report_run &run)
@@ -337,7 +337,9 @@ std::string render_page(const report_run &run, const std::vector<std::string> &s
     const auto without =
         static_cast<size_t>(std::count(sections.begin(), sections.end(), std::string()));
     if (without > 0 && !sections.empty())
-        page.set("left_out", std::to_string(without) + " captures are in this table alone" +
+        page.set("left_out", std::to_string(without) +
+                                 (without == 1 ? " capture is" : " captures are") +
+                                 " in this table alone" +
                                  (run.captures.size() > MAX_ROWS
                                       ? ", of which it shows the worst " + std::to_string(MAX_ROWS)
                                       : "") +
