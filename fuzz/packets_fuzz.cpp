@@ -67,26 +67,6 @@ void act(tsan_t t, unsigned number, unsigned *reports)
     }
 }
 
-// Gives the section that a packet begins with the CRC without which the standard's rules refuse it.
-void seal_section(std::array<uint8_t, TS_PACKET_SIZE> *pkt)
-{
-    const size_t at = 5u + (*pkt)[4];
-    const bool is_section = ((*pkt)[1] & 0x40) != 0 && ((*pkt)[3] & 0x30) == 0x10;
-    if (!is_section || at + 3 > pkt->size())
-        return;
-    const size_t len = ((*pkt)[at + 1] & 0x0Fu) * 256 + (*pkt)[at + 2];
-    if (len < 9 || at + 3 + len > pkt->size())
-        return;
-    uint32_t crc = 0xFFFFFFFF;
-    const size_t crc_at = at + len - 1;
-    for (size_t bit = 8 * at; bit < 8 * crc_at; ++bit) {
-        const uint32_t in = (*pkt)[bit / 8] >> (7 - bit % 8) & 1u;
-        crc = crc << 1 ^ ((crc >> 31 ^ in) != 0 ? 0x04C11DB7 : 0);
-    }
-    for (size_t i = 0; i < 4; ++i)
-        (*pkt)[crc_at + i] = static_cast<uint8_t>(crc >> (24 - 8 * i));
-}
-
 void process(tsan_t t, const uint8_t *pkt, log_volume *volume)
 {
     const size_t before = g_swallowed;

@@ -14,6 +14,8 @@ struct road_input {
 inline road_input steps_of(std::span<const uint8_t> in)
 {
     constexpr size_t most_steps = 500; // longer inputs find nothing that shorter ones do not
+    const bool seals = settings_of(in).iso_rules && !settings_bit(in, 5);
+    in = in.subspan(SETTINGS_LEN);
     road_input all;
     while (all.steps.size() < most_steps) {
         auto step = take_step(&in);
@@ -26,6 +28,8 @@ inline road_input steps_of(std::span<const uint8_t> in)
             all.steps.push_back({.act = static_cast<enum road_step::act>(act)});
             continue;
         }
+        if (seals)
+            seal_section(step->pkt.get());
         all.steps.push_back({.pkt = step->pkt->data()});
         all.packets.push_back(std::move(step->pkt));
     }

@@ -17,7 +17,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         return 0;
     const std::span<const uint8_t> in(data, size);
     const tsan_config cfg = settings_of(in);
-    const road_input input = steps_of(in.subspan(SETTINGS_LEN));
+    const road_input input = steps_of(in);
     if (input.packets.empty())
         return 0;
     log_set_modules(&g_log, settings_bit(in, 6) ? DEBUG_level : NORM_level);
