@@ -71,21 +71,22 @@ void add_pat(journey *j)
 void add_pmt(journey *j)
 {
     constexpr unsigned types[] = {0x1b, 0x0f, 0x06, 0x03, 0x05};
-    pmt_fields pmt{.pcr_pid = j->one_in(4) ? 0x102u : 0x101u, .version = j->any(8) / 7};
+    constexpr unsigned odd_pids[] = {17, 0x100, 0x102, 0x103, 0x200, 0x201, 0x300, 0x1fff};
+    pmt_fields pmt{.pcr_pid = j->one_in(3) ? odd_pids[j->any(8)] : 0x101, .version = j->any(8) / 7};
     for (unsigned i = 0; i < 4; ++i)
         if (!j->one_in(6))
             pmt.streams.push_back({j->one_in(8) ? types[j->any(5)] : types[i], 0x101 + i});
     if (j->one_in(6))
-        pmt.streams.push_back({0x0f, 0x201});
+        pmt.streams.push_back({0x0f, odd_pids[j->any(8)]});
     if (j->one_in(10)) { // a line for each byte: the snapshot runs out of room
         pmt.descriptors = {0x45, 120, 0x01, 118};
         pmt.descriptors.resize(122, 0xe0);
     }
     pmt.program = j->one_in(4) ? 2 : 1;
-    j->c.pmt(0x100 * pmt.program, pmt);
-    pmt.program = 1;
+    const unsigned pid = 0x100 * (j->one_in(6) ? 3 - pmt.program : pmt.program);
+    j->c.pmt(pid, pmt);
     while (j->one_in(2)) // tables are repeated, as a rule
-        j->c.pmt(0x100, pmt);
+        j->c.pmt(pid, pmt);
 }
 
 void add_pes(journey *j, unsigned pid)
