@@ -8,21 +8,23 @@
 
 #include <algorithm>
 #include <cstring>
+#include <functional>
+#include <string_view>
 #include <utility>
 
 namespace {
 
 enum cc_verdict { CC_GOOD, CC_REPEATED, CC_BROKEN };
 
-// The first bytes of the payload as a number; of a shorter one what there is.
+// The payload as a number, see iso.h.
 uint64_t fingerprint_of(const tsan_ctx *tc)
 {
     const auto payload = ts_get_payload(tc->header, tc->pkt);
+    const std::string_view text(reinterpret_cast<const char *>(payload.data()), payload.size());
+    if (hdr_is_unit_start(tc->header) || !hdr_has_payload_only(tc->header))
+        return std::hash<std::string_view>{}(text);
     uint64_t number = 0;
-    if (payload.size() >= sizeof number) [[likely]]
-        memcpy(&number, payload.data(), sizeof number);
-    else
-        std::copy(payload.begin(), payload.end(), reinterpret_cast<uint8_t *>(&number));
+    memcpy(&number, text.data(), sizeof number);
     return number;
 }
 
@@ -100,7 +102,7 @@ void note_counter(tsan_ctx *tc, stream_info *si)
 // A PCR needs seven bytes of adaptation field (2.4.3.4).
 bool has_whole_pcr(const tsan_ctx *tc)
 {
-    return hdr_has_adaptation(tc->header) && tc->pkt[4] >= 7 && ts_has_pcr(tc->pkt) != 0;
+    return ts_has_fields(tc->header, tc->pkt, 7) && ts_has_pcr(tc->pkt) != 0;
 }
 
 // The interval to the last PCR of the time base. A clock does not step back.
@@ -134,11 +136,22 @@ void take_clock(tsan_ctx *tc)
 
 // ---- Users of a PID
 
-// Whether a PES packet has the header that holds stamps (2.4.3.7): padding, for one, has not.
+// Whether packets of the stream_id have the header that holds stamps (table 2-21).
+constexpr bool id_has_stamp_header(uint8_t id)
+{
+    constexpr uint8_t without[] = {0xBC, 0xBE, 0xBF, 0xF0, 0xF1, 0xF2, 0xF8, 0xFF};
+    return std::find(std::begin(without), std::end(without), id) == std::end(without);
+}
+
+// Whether a PES packet has the header that holds stamps (2.4.3.7), and one as long as its flags
+// say.
 bool has_stamp_header(const tsan_ctx *tc)
 {
     const auto pes = ts_get_payload(tc->header, tc->pkt);
-    return pes.size() > 6 && (pes[6] & 0xC0) == 0x80;
+    if (pes.size() < 9 || (pes[6] & 0xC0) != 0x80 || !id_has_stamp_header(pes[3]))
+        return false;
+    const uint8_t stamps_len = (pes[7] & 0xC0) == 0xC0 ? 10 : (pes[7] & 0x80) != 0 ? 5 : 0;
+    return pes[8] >= stamps_len;
 }
 
 // Takes the time stamps of a PES header, each with the time base it belongs to. The first one of a
@@ -210,6 +223,21 @@ void share_counter(const dgram_info *dat, const stream_info &judged)
     }
 }
 
+// A programme in an earlier slot that lists the PID later than another goes on by the counter of
+// the one that had it.
+void adopt_counter(const dgram_info *dat, stream_info *judged)
+{
+    for (; dat != nullptr && judged->cc.value == -1; dat = next_user_of(*dat)) {
+        stream_info *si = dat->stream;
+        if (si == nullptr || si == judged)
+            continue;
+        forget_plain(si);
+        judged->cc.value = si->cc.value;
+        judged->fingerprint = si->fingerprint;
+        judged->was_repeated = si->was_repeated;
+    }
+}
+
 // Kept apart, as the road of a table packet is short.
 [[gnu::noinline]] bool take_for_users(tsan_ctx *tc)
 {
@@ -217,6 +245,7 @@ void share_counter(const dgram_info *dat, const stream_info &judged)
     cc_verdict verdict = CC_GOOD;
     if (judged != nullptr) {
         forget_plain(judged);
+        adopt_counter(tc->dat, judged);
         verdict = judge_counter(tc, *judged);
         ++tc->atotal;
     }

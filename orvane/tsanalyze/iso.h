@@ -19,8 +19,9 @@
 // A counter that begins again (max_zreset_time) is told by the programme's PCR and not by the
 // clock on the wall. Each new time stamp is checked once.
 //
-// Whether a packet repeats the one before is told by the counter and a fingerprint, the first eight
-// bytes of the payload. Plain packets keep it as well.
+// Whether a packet repeats the one before is told by the counter and a fingerprint of the payload:
+// its first eight bytes, which plain packets keep as well; all of it where a unit begins, as units
+// begin alike, and behind an adaptation field.
 #pragma once
 
 #include "tsanalyze/context.h"

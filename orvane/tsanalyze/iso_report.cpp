@@ -74,15 +74,21 @@ void dump_measured(FILE *fp, const char *what, const aggr_val &av, const char *w
 // Whether a PMT of the programme has come.
 bool has_pmt(const program_info &pg) { return pg.txt_pmt.buf != nullptr; }
 
+// Why the programme has no PCR; `otherwise` when it has.
+const char *why_no_pcr(const program_info &pg, const char *otherwise)
+{
+    if (!has_pcr_pid(pg))
+        return "the PMT lists no PCR";
+    return pg.pcr_pktnum == 0 ? "no PCR" : otherwise;
+}
+
 const char *why_no_interval(const tsan_ctx *tc, const program_info &pg)
 {
     if (tc->cfg.pcr_freq_ms == 0)
         return "check off";
     if (!has_pmt(pg))
         return "no PMT";
-    if (!has_pcr_pid(pg))
-        return "the PMT lists no PCR";
-    return pg.pcr_pktnum == 0 ? "no PCR" : "no two PCRs of a time base";
+    return why_no_pcr(pg, "no two PCRs of a time base");
 }
 
 // Why there is no distance of an audio time stamp; null: for want of what it is held against.
@@ -125,10 +131,9 @@ void dump_program(FILE *fp, const tsan_ctx *tc, size_t i)
     fprintf(fp, "\t---- PRG(%zu): program %u%s ----\n", i, pg.number,
             pg.is_unlisted ? ", listed no more" : "");
     dump_measured(fp, "PCR intervals:", pg.av_pcr_freq, why_no_interval(tc, pg));
-    const bool has_pcr = pg.pcr_pktnum != 0;
     dump_measured(fp, "PCR distances:", pg.av_pcr_delta,
                   or_else(why_no_stamp(tc, pg, tc->cfg.max_pcr_delta),
-                          has_pcr ? "no time stamp after a PCR" : "no PCR"));
+                          why_no_pcr(pg, "no time stamp after a PCR")));
     dump_measured(fp, "A/V distances:", pg.av_pdts_delta,
                   or_else(why_no_stamp(tc, pg, tc->cfg.max_pdts_delta), why_no_reference(tc, pg)));
 }

@@ -63,7 +63,8 @@ void unlist(tsan_ctx *tc, size_t slot)
         si.cc.value = -1;
     }
     pg.got_pcr = false;
-    pg.awaits_base = true; // nothing is known of what comes in between
+    ++pg.time_base; // nothing is known of what comes in between
+    pg.awaits_base = false;
 }
 
 // The slot for a programme: its own of before, a new one, or that of one no longer listed.

@@ -47,10 +47,17 @@ constexpr ts_header hdr_followed(ts_header h) { return (h & ~ts_header{0x0F}) | 
 // The header of a packet that follows in sequence and starts no payload unit.
 constexpr ts_header hdr_continued(ts_header h) { return hdr_followed(h) & ~ts_header{0x400000}; }
 
+// Whether there is an adaptation field of so many bytes or more. One that is longer than the packet
+// holds nothing to be relied on (2.4.3.5: at most 183).
+inline bool ts_has_fields(ts_header h, const uint8_t *pkt, uint8_t least)
+{
+    return hdr_has_adaptation(h) && pkt[4] >= least && pkt[4] <= TS_PACKET_SIZE - 5;
+}
+
 // Whether the adaptation field announces a discontinuity (2.4.3.5, discontinuity_indicator).
 inline bool ts_has_discontinuity(ts_header h, const uint8_t *pkt)
 {
-    return hdr_has_adaptation(h) && pkt[4] != 0 && (pkt[5] & 0x80) != 0;
+    return ts_has_fields(h, pkt, 1) && (pkt[5] & 0x80) != 0;
 }
 
 // The payload bytes of a packet; none when the header says so, and when the adaptation field
