@@ -145,6 +145,7 @@ struct program_info {
     bool is_unlisted;            // the PAT does not list it any more
     bool awaits_base;            // the next PCR begins a new time base
     uint32_t time_base;          // number of the time base of last_pcr
+    uint64_t ndat_base;          // packets processed when the check for silent streams was armed
     dgram_info dat_pcr;          // what a PCR PID means that is no stream's
     const dgram_info *next_user; // what that PID means to the next programme that lists it
 };

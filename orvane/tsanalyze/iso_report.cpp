@@ -98,20 +98,20 @@ const char *why_no_stamp(const tsan_ctx *tc, const program_info &pg, size_t thre
         return "check off";
     if (!has_pmt(pg))
         return "no PMT";
-    const char *why = "no audio";
+    // Of several reasons, that of the stream which is nearest to being measured.
+    constexpr const char *reasons[] = {"no audio", "the audio carries the PCR",
+                                       "the audio is scrambled", "no time stamp of audio"};
+    size_t nearest = 0;
     for (const stream_info &si : std::span(pg.stm, pg.nstreams)) {
         if (si.stype != 'A')
             continue;
-        if (si.pid == pg.pcr_pid)
-            why = "the audio carries the PCR";
-        else if (si.pts_pktnum != 0)
+        const bool is_timed = si.pid != pg.pcr_pid;
+        if (is_timed && si.pts_pktnum != 0)
             return nullptr;
-        else if (tc->iso->scrambled[si.pid] != 0)
-            why = "the audio is scrambled";
-        else
-            why = "no time stamp of audio";
+        const size_t reason = !is_timed ? 1 : tc->iso->scrambled[si.pid] != 0 ? 2 : 3;
+        nearest = std::max(nearest, reason);
     }
-    return why;
+    return reasons[nearest];
 }
 
 const char *why_no_reference(const tsan_ctx *tc, const program_info &pg)

@@ -3,6 +3,7 @@
 #include "misc/mstime.h"
 #include "tsanalyze/pat.h"
 #include "tsanalyze/pmt.h"
+#include "tsanalyze/presence.h"
 
 #include <libtarnlink/log.h>
 
@@ -127,6 +128,8 @@ void track_PMT(tsan_ctx *tc, std::span<const uint8_t> section)
         LOG_STMT(INFO_level, "[%s] will use PMT (pid%u) at %s\n", tc->cfg.source, pid,
                  tag_text(tc).text);
         process_PMT(tc, section, pid);
+        if (tc->iso != nullptr && tc->ndat_pcount == 0)
+            reset_ndat_pcount(tc); // its streams were not looked for yet
     }
 }
 

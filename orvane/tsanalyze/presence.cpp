@@ -33,6 +33,19 @@ void alert_ndat_pcount(tsan_ctx *tc, size_t ip, size_t is, uint32_t pid)
         tell_alert(tc, TSAN_PID_NDAT, pid, {.ndat = {.programme = ip, .stream = is}});
 }
 
+// By the standard's rules each programme is counted from where it stands; by the default ones all
+// are held against the count of the current one.
+void arm(tsan_ctx *tc)
+{
+    if (tc->iso == nullptr) {
+        tc->ndat_pcount = current_pcount(tc) + tc->cfg.max_ndat_pcount;
+        return;
+    }
+    for (size_t i = 0; i < tc->nprogs; ++i)
+        tc->pg[i].ndat_base = tc->pg[i].stat.pcount;
+    tc->ndat_pcount = tc->cfg.max_ndat_pcount;
+}
+
 } // namespace
 
 int tsan_alert_lostsync(tsan_t tc)
@@ -66,7 +79,7 @@ void reset_ndat_pcount(tsan_ctx *tc)
 {
     if (tc->cfg.max_ndat_pcount == 0)
         return;
-    tc->ndat_pcount = current_pcount(tc) + tc->cfg.max_ndat_pcount;
+    arm(tc);
     LOG_STMT(DEBUG_level, "%s: (%p) NDAT pcount=%lu\n", __func__, static_cast<void *>(tc),
              tc->ndat_pcount);
 }
@@ -87,8 +100,9 @@ void find_silent_streams(tsan_ctx *tc)
     if (nsilent > 0) {
         LOG_STMT(WARN_level, "[%s] %zu tracks NOT receiving data\n", tc->cfg.source, nsilent);
         reset_ndat_pcount(tc);
-        // With max_ndat_pcount 0 nothing was armed above; the next packet's check is due at once.
-        tc->ndat_pcount = current_pcount(tc) + tc->cfg.max_ndat_pcount;
+        // With max_ndat_pcount 0 nothing was armed above; by the default rules the next packet's
+        // check is due at once.
+        arm(tc);
     } else {
         tc->ndat_pcount = 0;
         LOG_STMT(NORM_level, "[%s] %zu tracks receiving data\n", tc->cfg.source, ntracks);

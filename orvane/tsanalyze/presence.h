@@ -14,12 +14,18 @@ inline uint64_t current_pcount(const tsan_ctx *tc)
     return prog(tc) != nullptr ? prog(tc)->stat.pcount : 0;
 }
 
+// What the current programme had processed when the check was armed; by the default rules 0.
+inline uint64_t ndat_base(const tsan_ctx *tc)
+{
+    return prog(tc) != nullptr ? prog(tc)->ndat_base : 0;
+}
+
 // Reports the streams that never carried a packet.
 void find_silent_streams(tsan_ctx *tc);
 
 // The same when the check is due or `forced`.
 inline void check_pcount(tsan_ctx *tc, bool forced)
 {
-    if (forced || current_pcount(tc) >= tc->ndat_pcount)
+    if (forced || current_pcount(tc) - ndat_base(tc) >= tc->ndat_pcount)
         find_silent_streams(tc);
 }
