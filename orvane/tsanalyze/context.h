@@ -145,7 +145,6 @@ struct program_info {
     bool is_unlisted;            // the PAT does not list it any more
     bool awaits_base;            // the next PCR begins a new time base
     uint32_t time_base;          // number of the time base of last_pcr
-    uint64_t ndat_base;          // packets processed when the check for silent streams was armed
     dgram_info dat_pcr;          // what a PCR PID means that is no stream's
     const dgram_info *next_user; // what that PID means to the next programme that lists it
 };
@@ -180,6 +179,7 @@ struct iso_state {
     section_gatherer pmt_sections[MAX_PMTS]; // of a PMT PID, by its first programme
     section_image pmt_bytes[MAX_PMTS];       // the latest PMT of a programme
     section_refusals refused[PID_COUNT];     // of PMT PIDs listed no more
+    uint64_t ndat_base[MAX_PMTS]; // packets of a programme when silent streams were looked for
 };
 
 struct tsan_ctx {

@@ -20,8 +20,8 @@
 // clock on the wall. Each new time stamp is checked once.
 //
 // Whether a packet repeats the one before is told by the counter and a fingerprint of the payload:
-// its first eight bytes, which plain packets keep as well; all of it where a unit begins, as units
-// begin alike, and behind an adaptation field.
+// its first eight bytes, which plain packets keep as well, or, where a unit begins, its first 24,
+// as units begin alike.
 #pragma once
 
 #include "tsanalyze/context.h"

@@ -33,8 +33,8 @@ void alert_ndat_pcount(tsan_ctx *tc, size_t ip, size_t is, uint32_t pid)
         tell_alert(tc, TSAN_PID_NDAT, pid, {.ndat = {.programme = ip, .stream = is}});
 }
 
-// By the standard's rules each programme is counted from where it stands; by the default ones all
-// are held against the count of the current one.
+// By the standard's rules each programme is counted from where it stands, and the count tells only
+// when the check is not due; by the default ones all are held against the count of the current one.
 void arm(tsan_ctx *tc)
 {
     if (tc->iso == nullptr) {
@@ -42,8 +42,16 @@ void arm(tsan_ctx *tc)
         return;
     }
     for (size_t i = 0; i < tc->nprogs; ++i)
-        tc->pg[i].ndat_base = tc->pg[i].stat.pcount;
+        tc->iso->ndat_base[i] = tc->pg[i].stat.pcount;
     tc->ndat_pcount = tc->cfg.max_ndat_pcount;
+}
+
+bool is_due(const tsan_ctx *tc)
+{
+    if (tc->iso == nullptr)
+        return true;
+    const uint64_t base = prog(tc) != nullptr ? tc->iso->ndat_base[prog(tc) - tc->pg] : 0;
+    return current_pcount(tc) - base >= tc->cfg.max_ndat_pcount;
 }
 
 } // namespace
@@ -84,8 +92,10 @@ void reset_ndat_pcount(tsan_ctx *tc)
              tc->ndat_pcount);
 }
 
-void find_silent_streams(tsan_ctx *tc)
+void find_silent_streams(tsan_ctx *tc, bool forced)
 {
+    if (!forced && !is_due(tc))
+        return;
     size_t ntracks = 0;
     size_t nsilent = 0;
     for (size_t ip = 0; ip < tc->nprogs; ++ip)

@@ -14,18 +14,13 @@ inline uint64_t current_pcount(const tsan_ctx *tc)
     return prog(tc) != nullptr ? prog(tc)->stat.pcount : 0;
 }
 
-// What the current programme had processed when the check was armed; by the default rules 0.
-inline uint64_t ndat_base(const tsan_ctx *tc)
-{
-    return prog(tc) != nullptr ? prog(tc)->ndat_base : 0;
-}
+// Reports the streams that never carried a packet, unless not `forced` and, by the standard's
+// rules, not due.
+void find_silent_streams(tsan_ctx *tc, bool forced);
 
-// Reports the streams that never carried a packet.
-void find_silent_streams(tsan_ctx *tc);
-
-// The same when the check is due or `forced`.
+// The same when the check is due or `forced`. By the standard's rules it may be due.
 inline void check_pcount(tsan_ctx *tc, bool forced)
 {
-    if (forced || current_pcount(tc) - ndat_base(tc) >= tc->ndat_pcount)
-        find_silent_streams(tc);
+    if (forced || current_pcount(tc) >= tc->ndat_pcount)
+        find_silent_streams(tc, forced);
 }
