@@ -15,7 +15,7 @@ namespace {
 loglevel_ctx g_llctx;
 
 constexpr size_t ROTATED_NAME_MAX = 159; // characters of a rotated file's name
-constexpr size_t DEFAULT_MAXFILES = 16;  // rotated files kept: asked for none or too many
+constexpr size_t DEFAULT_MAXFILES = 16;  // kept when the host asks for none or too many
 constexpr size_t OLD_NAME_MAX = 127;     // characters of the name an old file is moved to
 
 const log_ctx *g_rotating; // the log being rotated

@@ -16,7 +16,7 @@ namespace {
 
 enum cc_verdict { CC_GOOD, CC_REPEATED, CC_BROKEN };
 
-// The begin of the payload as a number, see iso.h.
+// The beginning of the payload as a number, see iso.h.
 uint64_t fingerprint_of(const tsan_ctx *tc)
 {
     constexpr size_t unit_len = 24; // as long as a header with both time stamps, and more
