@@ -135,7 +135,7 @@ struct plain_gatherer {
             was_repeated = true;
             return;
         }
-        const bool is_new_run = has_adaptation && pkt[4] > 0 && pkt[5] >= 0x80;
+        const bool is_new_run = has_adaptation && pkt[4] > 0 && pkt[4] <= 183 && pkt[5] >= 0x80;
         if (is_new_run || last_header.empty() || (last_header[3] + 1) % 16 != pkt[3] % 16)
             drop();
         was_repeated = false;
