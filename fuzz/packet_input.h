@@ -91,7 +91,7 @@ inline void seal_section(std::array<uint8_t, TS_PACKET_SIZE> *pkt)
     uint32_t crc = 0xFFFFFFFF;
     const size_t crc_at = at + len - 1;
     for (size_t bit = 8 * at; bit < 8 * crc_at; ++bit) {
-        const uint32_t in = (*pkt)[bit / 8] >> (7 - bit % 8) & 1u;
+        const uint32_t in = uint32_t{(*pkt)[bit / 8]} >> (7 - bit % 8) & 1;
         crc = crc << 1 ^ ((crc >> 31 ^ in) != 0 ? 0x04C11DB7 : 0);
     }
     for (size_t i = 0; i < 4; ++i)
