@@ -210,6 +210,13 @@ stream_info *first_stream(const tsan_ctx *tc)
     return dat != nullptr ? dat->stream : nullptr;
 }
 
+void copy_counter(stream_info *to, const stream_info &from)
+{
+    to->cc.value = from.cc.value;
+    to->fingerprint = from.fingerprint;
+    to->was_repeated = from.was_repeated;
+}
+
 // The counter is the PID's: each user can go on by it when the one whose it is goes.
 void share_counter(const dgram_info *dat, const stream_info &judged)
 {
@@ -218,9 +225,7 @@ void share_counter(const dgram_info *dat, const stream_info &judged)
         if (si == nullptr || si == &judged)
             continue;
         forget_plain(si);
-        si->cc.value = judged.cc.value;
-        si->fingerprint = judged.fingerprint;
-        si->was_repeated = judged.was_repeated;
+        copy_counter(si, judged);
     }
 }
 
@@ -233,9 +238,7 @@ void adopt_counter(const dgram_info *dat, stream_info *judged)
         if (si == nullptr || si == judged)
             continue;
         forget_plain(si);
-        judged->cc.value = si->cc.value;
-        judged->fingerprint = si->fingerprint;
-        judged->was_repeated = si->was_repeated;
+        copy_counter(judged, *si);
     }
 }
 
