@@ -77,12 +77,13 @@ bool merge_PATs(tsan_ctx *tc, const psi_section &pld)
     std::copy_n(tc->pmt_pid, old_nprogs, list.pids);
     std::copy_n(tc->pmt_pid, old_nprogs, list.mark);
     const size_t nadded = append_added(tc, &list, psi_last_section(pld));
+    const size_t ntouched = std::min<size_t>(list.count, MAX_PMTS);
     const size_t ndel = drop_missing(tc, &list, old_nprogs);
 
     tc->nprogs = list.count;
     INVARIANT(tc->nprogs < MAX_PMTS);
-    std::copy_n(list.pids, list.count, tc->pmt_pid);
-    tc->pmt_pid[tc->nprogs] = 0; // behind it PIDs of a longer list may have stood
+    std::copy_n(list.pids, ntouched, tc->pmt_pid);
+    tc->pmt_pid[tc->nprogs] = 0; // behind it PIDs of the longer list may stand
     rebuild_pid_slots(tc);
     if (nadded == 0 && ndel == 0)
         return false;
