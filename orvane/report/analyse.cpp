@@ -179,6 +179,12 @@ void add_totals(job *j)
         *tally.analysed += programme.counters[1];
 }
 
+// Nothing could be read, which is not the same as no packet.
+void forget_totals(capture_tally *tally)
+{
+    tally->place = tally->bytes = tally->packets = tally->analysed = std::nullopt;
+}
+
 void end_job(analysis *all, job *j)
 {
     int status = 0;
@@ -190,11 +196,11 @@ void end_job(analysis *all, job *j)
         explain_death(*j, status);
     else
         explain_end(*j, end);
-    if (end == run_end::unreadable && j->capture->tally.packets == 0)
-        j->capture->tally.place.reset();
-    close_capture(all->run, j->capture);
     ++all->done;
     all->done_bytes += *j->capture->tally.bytes;
+    if (end == run_end::unreadable && j->capture->tally.packets == 0)
+        forget_totals(&j->capture->tally);
+    close_capture(all->run, j->capture);
 }
 
 // ---- Meanwhile
@@ -279,6 +285,13 @@ uint64_t bytes_so_far(const analysis &all)
     return bytes;
 }
 
+check_record checks_of(const tsan_config &cfg)
+{
+    if (!cfg.is_enabled)
+        return {.counters = false, .iso = cfg.iso_rules};
+    return {cfg.max_pdts_delta, cfg.max_pcr_delta, cfg.pcr_freq_ms, cfg.cc_track, cfg.iso_rules};
+}
+
 } // namespace
 
 void analyse_captures(report_run *run, const std::vector<std::string> &paths,
@@ -291,8 +304,7 @@ void analyse_captures(report_run *run, const std::vector<std::string> &paths,
         waiting.push_back(add_capture(run, path));
         capture_tally &tally = waiting.back()->tally;
         tally.source = path;
-        tally.checks = {options.settings.max_pdts_delta, options.settings.max_pcr_delta,
-                        options.settings.pcr_freq_ms, options.settings.cc_track};
+        tally.checks = checks_of(options.settings);
         total_bytes += size_of(path);
     }
     progress_line line = begin_progress(paths.size(), total_bytes);

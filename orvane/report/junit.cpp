@@ -27,6 +27,8 @@ mustache::data suite_of(const judged_capture &capture, test_counts *total)
     mustache::data suite;
     suite.set("name", clean_text(tally.name));
     suite.set("text", clean_text(verdict_text(tally, verdict)));
+    // Of a log it is not known how the run ended.
+    suite.set("ending", tally.checks ? "analysed to its end" : "read to its end");
     if (status_of(tally.end) != STATUS_WITHIN) {
         counts.errors = 1;
         suite.set("reason", clean_text(tally.reason));
@@ -35,7 +37,10 @@ mustache::data suite_of(const judged_capture &capture, test_counts *total)
     for (const limit_result &result : verdict.results) {
         mustache::data entry;
         entry.set("limit", limit_name(result.limit) + "=" + std::to_string(result.limit.max));
-        if (result.is_exceeded()) {
+        if (!result.unjudged.empty()) {
+            ++counts.errors;
+            entry.set("error", "not judged: " + std::string(result.unjudged));
+        } else if (result.is_exceeded()) {
             ++counts.failures;
             entry.set("failure", std::to_string(result.count) + " " + limit_name(result.limit) +
                                      ", at most " + std::to_string(result.limit.max));

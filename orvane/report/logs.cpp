@@ -114,8 +114,9 @@ void close_log(log_reading *log, run_end end, const std::string &reason)
         judged_capture *capture = add_capture(log->run, log->path);
         log->latest = capture;
         settle_loose_lines(log);
-        // A run without alerts leaves a log with an empty line.
-        const bool is_nothing = end == run_end::log_read && (log->blank == 0 || log->damaged > 0);
+        // A run without alerts leaves a log with an empty line and nothing else.
+        const bool is_nothing =
+            end == run_end::log_read && (log->blank == 0 || log->damaged + log->foreign > 0);
         set_end(&capture->tally, is_nothing ? run_end::nothing : end,
                 is_nothing ? "no line of an analyzer in it" : reason);
         return close_capture(log->run, capture);

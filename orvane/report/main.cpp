@@ -82,31 +82,42 @@ void finish_outputs(report_run *run, outputs *out)
             raise_status(run, STATUS_USAGE);
 }
 
-const char *status_word(int status)
+constexpr const char *WORDS[] = {"without limits", "within limits", "limits exceeded",
+                                 "not readable",   "not judged",    "nothing to analyse",
+                                 "cut short"};
+
+// Which of the words tells of a capture in the sum of all.
+size_t word_of(const judged_capture &capture)
 {
-    constexpr const char *WORDS[] = {"within limits", "limits exceeded",    "output not written",
-                                     "not readable",  "nothing to analyse", "cut short"};
-    return WORDS[status];
+    switch (capture.verdict.status) {
+    case STATUS_WITHIN:
+        return capture.verdict.results.empty() ? 0 : 1;
+    case STATUS_EXCEEDED:
+        return 2;
+    case STATUS_UNREADABLE:
+        return 3;
+    case STATUS_NOTHING:
+        return is_unjudged(capture.tally, capture.verdict) ? 4 : 5;
+    default:
+        return 6;
+    }
 }
 
 // A line for each capture and one for all.
 void write_verdict(output_file *out, const report_run &run)
 {
-    size_t count[STATUS_CUT_SHORT + 1]{};
+    size_t count[std::size(WORDS)]{};
     for (const judged_capture &capture : run.captures) {
-        ++count[capture.verdict.status];
+        ++count[word_of(capture)];
         write_output(out, capture.tally.name + ": " + verdict_text(capture.tally, capture.verdict) +
                               "\n");
     }
     if (run.captures.size() < 2)
         return;
     std::string text;
-    for (int status = 0; status <= STATUS_CUT_SHORT; ++status) {
-        if (count[status] == 0)
-            continue;
-        text +=
-            (text.empty() ? " " : ", ") + std::to_string(count[status]) + " " + status_word(status);
-    }
+    for (size_t i = 0; i < std::size(WORDS); ++i)
+        if (count[i] > 0)
+            text += (text.empty() ? " " : ", ") + std::to_string(count[i]) + " " + WORDS[i];
     write_output(out, std::to_string(run.captures.size()) + " captures:" + text + "\n");
 }
 

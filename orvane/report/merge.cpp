@@ -52,7 +52,7 @@ bool take_alert(record_reading *in, const nlohmann::json &record, const std::str
 bool take_summary(record_reading *in, nlohmann::json *record, const std::string &name)
 {
     capture_tally trial;
-    std::vector<limit_result> limits;
+    std::vector<alert_limit> limits;
     if (!read_summary(*record, &trial, &limits))
         return false;
     capture_of(in, name)->summary = std::move(*record);
@@ -85,14 +85,11 @@ void close_merged(record_reading *in, merged_capture *merged, bool is_interrupte
         tally.end = is_interrupted ? run_end::interrupted : run_end::killed;
         tally.reason = is_interrupted ? "interrupted" : "its record has no end";
     } else {
-        const uint64_t recorded = total_alerts(tally);
-        std::vector<limit_result> results;
-        read_summary(merged->summary, &tally, &results);
-        for (const limit_result &result : results)
-            limits.push_back(result.limit);
-        if (recorded != total_alerts(tally))
+        const uint64_t recorded = alert_lines(tally);
+        read_summary(merged->summary, &tally, &limits);
+        if (recorded != alert_lines(tally))
             tell(tally.name, "has records of " + std::to_string(recorded) + " alerts out of " +
-                                 std::to_string(total_alerts(tally)));
+                                 std::to_string(alert_lines(tally)));
     }
     close_capture(in->run, merged->capture, limits);
 }
@@ -111,6 +108,15 @@ void take_lines(record_reading *in, line_blocks *blocks)
     }
 }
 
+// Stands for what was not read.
+void add_unread(record_reading *in, run_end end, const std::string &reason)
+{
+    judged_capture *capture = add_capture(in->run, in->path);
+    capture->tally.end = end;
+    capture->tally.reason = reason;
+    close_capture(in->run, capture);
+}
+
 void close_records(record_reading *in, const reading_end &how)
 {
     for (merged_capture *merged : in->order)
@@ -119,15 +125,13 @@ void close_records(record_reading *in, const reading_end &how)
         tell(in->path, "has " + counted(in->damaged, "line") + " that " +
                            (in->damaged == 1 ? "is no record" : "are no records") +
                            ", the first is line " + std::to_string(in->first_damaged));
-        raise_status(in->run, STATUS_UNREADABLE);
     }
-    const bool is_read = how.end == run_end::log_read;
-    if (is_read && (!in->order.empty() || in->damaged > 0))
-        return;
-    judged_capture *capture = add_capture(in->run, in->path); // stands for what was not read
-    capture->tally.end = is_read ? run_end::nothing : how.end;
-    capture->tally.reason = is_read ? "no record in it" : how.reason;
-    close_capture(in->run, capture);
+    if (how.end != run_end::log_read)
+        add_unread(in, how.end, how.reason);
+    else if (in->damaged > 0)
+        add_unread(in, run_end::unreadable, "not all of it is a record");
+    else if (in->order.empty())
+        add_unread(in, run_end::nothing, "no record in it");
 }
 
 } // namespace

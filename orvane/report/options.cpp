@@ -6,18 +6,25 @@
 #include <CLI/CLI.hpp>
 #include <libtarnlink/log.h>
 
+#include <filesystem>
+#include <fstream>
 #include <thread>
 
+namespace fs = std::filesystem;
+
 namespace {
+
+constexpr char TS_SYNC_BYTE = 0x47; // ISO/IEC 13818-1, 2.4.3.2
 
 constexpr const char *ABOUT =
     "A verdict, a record and a picture of runs of the transport-stream analyzer.\n"
     "Analyses captures, reads access logs (--log) and records of earlier runs (--merge).";
 
-constexpr const char *STATUSES =
-    "Exit status, the highest of all captures: 0 within limits; 1 a limit exceeded; 2 usage, or "
-    "an\n"
-    "output that cannot be written; 3 cannot be read; 4 nothing to analyse; 5 cut short.";
+constexpr const char *STATUSES = "Exit status, the highest of all captures: 0 within limits; 1 a "
+                                 "limit exceeded; 2 usage, or an\n"
+                                 "output that cannot be written; 3 cannot be read; 4 nothing to "
+                                 "analyse, or to judge a limit by;\n"
+                                 "5 cut short.";
 
 // What the command line says in words.
 struct option_words {
@@ -35,14 +42,20 @@ void add_options(CLI::App *app, report_options *options, option_words *words)
     app->add_option("--merge", options->records, "Records of --json to go on with");
     app->add_option("-C,--config", words->settings_file, "Settings file, as for orvscan");
     app->add_option("-A,--analyze", words->settings, "Analyzer setting, as for orvscan")
+        ->expected(1)
+        ->take_all()
         ->allow_extra_args(false);
     app->add_option("-s,--maxskip", words->max_skip, "Packets to skip at most")
         ->check(CLI::Range(1, 100000));
     app->add_option("-j,--jobs", options->jobs, "Captures at a time (default: the cores)")
         ->check(CLI::Range(1U, 1024U));
     app->add_option("--max", words->limits, "Limit: KIND=N, KIND/PID=N or all=N")
+        ->expected(1)
+        ->take_all()
         ->allow_extra_args(false);
     app->add_option("--limits", words->limit_files, "File of limits, one a line")
+        ->expected(1)
+        ->take_all()
         ->allow_extra_args(false);
     app->add_option("--json", options->json, "Write a record, JSON Lines (-: standard output)");
     app->add_option("--junit", options->junit, "Write the verdict as JUnit XML");
@@ -87,12 +100,53 @@ bool take_settings(const option_words &words, tsan_config *settings)
     return true;
 }
 
-bool one_standard_output(const report_options &options)
+// Whether two names are those of one file, which need not be there yet.
+bool same_file(const std::string &a, const std::string &b)
 {
-    int count = 0;
-    for (const std::string *path : {&options.json, &options.junit, &options.html})
-        count += *path == "-" ? 1 : 0;
-    return count < 2 || tell_wrong("only one output can be standard output");
+    std::error_code error;
+    if (fs::exists(a, error) && !fs::is_regular_file(a, error))
+        return false; // a device is written to, not replaced
+    if (fs::equivalent(a, b, error))
+        return true;
+    const fs::path whole = fs::weakly_canonical(a, error);
+    return !whole.empty() && whole == fs::weakly_canonical(b, error);
+}
+
+// A name was forgotten, perhaps, and the next word taken for it.
+bool is_capture(const std::string &path)
+{
+    std::error_code error;
+    char begin[TS_PACKET_SIZE + 1]{};
+    if (fs::is_regular_file(path, error))
+        std::ifstream(path).read(begin, sizeof begin);
+    return begin[0] == TS_SYNC_BYTE && begin[TS_PACKET_SIZE] == TS_SYNC_BYTE;
+}
+
+// What is read is not replaced, and no output by another one.
+bool take_outputs(const CLI::App &app, const report_options &options, const option_words &words)
+{
+    std::vector<std::string> inputs = words.limit_files;
+    inputs.push_back(words.settings_file);
+    for (const auto *more : {&options.captures, &options.logs, &options.records})
+        inputs.insert(inputs.end(), more->begin(), more->end());
+    std::vector<std::string> outputs;
+    for (const char *name : {"--json", "--junit", "--html"}) {
+        if (app.count(name) == 0)
+            continue;
+        const auto path = app.get_option(name)->as<std::string>();
+        if (path.empty())
+            return tell_wrong(std::string(name) + " names no file");
+        for (const std::string &input : inputs)
+            if (path != "-" && same_file(path, input))
+                return tell_wrong(std::string(name) + ": " + path + " is read as well");
+        for (const std::string &other : outputs)
+            if (same_file(path, other))
+                return tell_wrong("two outputs to " + path);
+        if (is_capture(path))
+            return tell_wrong(std::string(name) + ": " + path + " is a capture, not replaced");
+        outputs.push_back(path);
+    }
+    return true;
 }
 
 } // namespace
@@ -114,7 +168,7 @@ options_result parse_report_options(int argc, char *argv[], report_options *opti
     }
     log_default(&g_log, stderr);
     if (!take_limits(words, &options->limits) || !take_settings(words, &options->settings) ||
-        !one_standard_output(*options))
+        !take_outputs(app, *options, words))
         return options_result::wrong;
     if (options->captures.empty() && options->logs.empty() && options->records.empty()) {
         tell_wrong("no capture, log or record is named (--help tells the options)");

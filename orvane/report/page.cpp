@@ -43,6 +43,8 @@ look look_of(const judged_capture &capture)
     look l = look_of(capture.verdict.status);
     if (capture.verdict.status == STATUS_WITHIN && capture.verdict.results.empty())
         l = {total_alerts(capture.tally) == 0 ? "good" : "cut", "\u2022", "no limits"};
+    if (is_unjudged(capture.tally, capture.verdict))
+        l.word = "not judged";
     return l;
 }
 
@@ -119,6 +121,8 @@ data facts_of(const capture_tally &tally)
         add_fact(&facts, "Damaged lines", std::to_string(tally.damaged));
     if (tally.place)
         add_fact(&facts, "Ended at packet", shown(tally.place));
+    if (tally.checks && tally.checks->iso)
+        add_fact(&facts, "Rules", "ISO/IEC 13818-1");
     return facts;
 }
 
@@ -129,8 +133,11 @@ data limits_of(const capture_verdict &verdict)
         data limit;
         limit.set("name", limit_name(result.limit));
         limit.set("max", std::to_string(result.limit.max));
-        limit.set("count", std::to_string(result.count));
-        set_look(&limit, look_of(result.is_exceeded() ? STATUS_EXCEEDED : STATUS_WITHIN), "result");
+        limit.set("count", result.unjudged.empty() ? std::to_string(result.count) : "\u2013");
+        look l = look_of(result.is_exceeded() ? STATUS_EXCEEDED : STATUS_WITHIN);
+        if (!result.unjudged.empty())
+            l = {"cut", "!", result.unjudged.data()};
+        set_look(&limit, l, "result");
         limits.push_back(limit);
     }
     return limits;
@@ -190,8 +197,8 @@ data tracks_of(const programme_record &programme)
         entry.set("pid", std::to_string(track.pid));
         entry.set("class", class_name(track.letter));
         entry.set("type", clean_text(track.type));
-        entry.set("packets", std::to_string(track.packets));
-        entry.set("analysed", std::to_string(track.analysed));
+        entry.set("packets", shown(track.packets));
+        entry.set("analysed", shown(track.analysed));
         tracks.push_back(entry);
     }
     return tracks;

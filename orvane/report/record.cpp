@@ -106,8 +106,8 @@ ordered tracks_of(const programme_record &programme)
                           {"pid", track.pid},
                           {"class", std::string(1, track.letter)},
                           {"type", track.type},
-                          {"packets", track.packets},
-                          {"packets_analysed", track.analysed}});
+                          {"packets", known(track.packets)},
+                          {"packets_analysed", known(track.analysed)}});
     return tracks;
 }
 
@@ -167,7 +167,8 @@ ordered checks_of(const capture_tally &tally)
     return {{"av_distance_ms", threshold(tally.checks->av_distance_ms)},
             {"pcr_distance_ms", threshold(tally.checks->pcr_distance_ms)},
             {"pcr_interval_ms", threshold(tally.checks->pcr_interval_ms)},
-            {"counters", tally.checks->counters}};
+            {"counters", tally.checks->counters},
+            {"iso", tally.checks->iso}};
 }
 
 ordered alerts_of(const capture_tally &tally)
@@ -192,12 +193,15 @@ ordered lanes_of(const capture_tally &tally)
 ordered limits_of(const capture_verdict &verdict)
 {
     ordered limits = ordered::array();
-    for (const limit_result &result : verdict.results)
+    for (const limit_result &result : verdict.results) {
+        const bool is_judged = result.unjudged.empty();
         limits.push_back({{"kind", result.limit.kind},
                           {"pid", known(result.limit.pid)},
                           {"max", result.limit.max},
-                          {"count", result.count},
-                          {"exceeded", result.is_exceeded()}});
+                          {"count", is_judged ? ordered(result.count) : ordered()},
+                          {"exceeded", is_judged ? ordered(result.is_exceeded()) : ordered()},
+                          {"reason", known(result.unjudged)}});
+    }
     return limits;
 }
 
@@ -273,8 +277,8 @@ void read_tracks(const json &record, std::vector<track_record> *tracks)
         const std::string letter = track.at("class");
         tracks->push_back({.pid = track.at("pid"),
                            .letter = letter.empty() ? '?' : letter[0],
-                           .packets = track.at("packets"),
-                           .analysed = track.at("packets_analysed"),
+                           .packets = member<uint64_t>(track, "packets"),
+                           .analysed = member<uint64_t>(track, "packets_analysed"),
                            .type = track.at("type")});
         if (tracks->size() >= MAX_TALLY_TRACKS)
             return;
@@ -330,20 +334,20 @@ void read_run(const json &record, capture_tally *tally)
         tally->checks = {member<uint64_t>(checks, "av_distance_ms").value_or(0),
                          member<uint64_t>(checks, "pcr_distance_ms").value_or(0),
                          member<uint64_t>(checks, "pcr_interval_ms").value_or(0),
-                         checks.at("counters")};
+                         checks.at("counters"), member<bool>(checks, "iso").value_or(false)};
     for (const json &programme : record.at("programmes"))
         if (tally->programmes.size() < MAX_TALLY_PROGRAMMES)
             tally->programmes.push_back(read_programme(programme));
     read_counted(record, &tally->source_alerts);
+    tally->has_stats = !record.at("engine_alerts").is_null();
 }
 
-void read_limit_results(const json &record, std::vector<limit_result> *limits)
+void read_limits(const json &record, std::vector<alert_limit> *limits)
 {
     for (const json &limit : record.at("limits"))
-        limits->push_back({{.kind = limit.at("kind"),
-                            .pid = member<int>(limit, "pid").value_or(-1),
-                            .max = limit.at("max")},
-                           limit.at("count")});
+        limits->push_back({.kind = limit.at("kind"),
+                           .pid = member<int>(limit, "pid").value_or(-1),
+                           .max = limit.at("max")});
 }
 
 } // namespace
@@ -412,14 +416,14 @@ bool read_alert(const json &record, recorded_alert *result)
     }
 }
 
-bool read_summary(const json &record, capture_tally *tally, std::vector<limit_result> *limits)
+bool read_summary(const json &record, capture_tally *tally, std::vector<alert_limit> *limits)
 {
     try {
         if (!find_end(text_member(record, "end"), &tally->end))
             return false;
         read_run(record, tally);
         read_counts(record, tally);
-        read_limit_results(record, limits);
+        read_limits(record, limits);
         return true;
     } catch (const json::exception &) {
         return false;

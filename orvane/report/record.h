@@ -21,4 +21,4 @@ struct recorded_alert {
 // Read a record back. False when it is none; what was written to the result then means nothing.
 bool read_alert(const nlohmann::json &record, recorded_alert *result);
 bool read_summary(const nlohmann::json &record, capture_tally *tally,
-                  std::vector<limit_result> *limits);
+                  std::vector<alert_limit> *limits);

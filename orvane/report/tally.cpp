@@ -12,6 +12,8 @@ constexpr double TICKS_PER_SECOND = 90000;
 constexpr uint64_t CLOCK_RANGE = uint64_t{1} << 33; // ISO/IEC 13818-1, 2.4.3.5
 constexpr double LEAST_SECONDS = 1.0 / 1024;
 constexpr double LEAST_PACKETS = 1;
+// Before its first packet an engine counts from 1970.
+constexpr uint64_t MAX_DURATION_MS = uint64_t{30} * 365 * 86400 * 1000;
 
 // Where a kind has its PID and its distance among its values; -1: nowhere.
 struct field_number {
@@ -68,13 +70,17 @@ double advance_clock(programme_record *programme, uint64_t pcr)
 void take_global(capture_tally *tally, const line_event &event)
 {
     const auto &v = event.values;
-    tally->duration_ms = v[0];
+    tally->duration_ms = v[0] < MAX_DURATION_MS ? std::optional(v[0]) : std::nullopt;
     tally->programmes.resize(std::min<uint64_t>(v[1], MAX_TALLY_PROGRAMMES));
     tally->skipped = v[2];
     tally->source_alerts[index_of(line_kind::lost_sync)] = v[3];
     tally->source_alerts[index_of(line_kind::pat_diff)] = v[4];
     tally->source_alerts[index_of(line_kind::cc_mlr)] = v[5];
     tally->open_report = {};
+    // Most reports of a live host do not name the tracks.
+    for (programme_record &programme : tally->programmes)
+        for (track_record &track : programme.tracks)
+            track.packets = track.analysed = std::nullopt;
 }
 
 void take_programme(capture_tally *tally, const line_event &event)
@@ -234,12 +240,21 @@ uint64_t total_alerts(const capture_tally &tally)
     return total;
 }
 
-uint64_t alerts_of(const capture_tally &tally, line_kind kind)
+uint64_t alert_lines(const capture_tally &tally)
+{
+    return std::accumulate(tally.counts.begin(), tally.counts.end(), uint64_t{0});
+}
+
+bool has_counters_alone(const capture_tally &tally)
 {
     // LOST-SYNC is in every log, also where no other alert is.
-    const uint64_t lines = std::accumulate(tally.counts.begin(), tally.counts.end(), uint64_t{0}) -
-                           tally.counts[index_of(line_kind::lost_sync)];
-    if (lines > 0 || !tally.has_stats)
+    return tally.has_stats && alert_lines(tally) == tally.counts[index_of(line_kind::lost_sync)] &&
+           total_alerts(tally) > alert_lines(tally);
+}
+
+uint64_t alerts_of(const capture_tally &tally, line_kind kind)
+{
+    if (!tally.has_stats || alert_lines(tally) > tally.counts[index_of(line_kind::lost_sync)])
         return tally.counts[index_of(kind)];
     uint64_t counted = tally.source_alerts[index_of(kind)].value_or(0);
     for (const programme_record &programme : tally.programmes)

@@ -50,9 +50,8 @@ struct recent_lane {
 
 struct track_record {
     unsigned pid = 0;
-    char letter = '?'; // V video, A audio, S private data, ? others
-    uint64_t packets = 0;
-    uint64_t analysed = 0;
+    char letter = '?';                         // V video, A audio, S private data, ? others
+    std::optional<uint64_t> packets, analysed; // missing in a report that names no tracks
     std::string type;
 };
 
@@ -80,6 +79,7 @@ struct programme_record {
 struct check_record {
     uint64_t av_distance_ms = 0, pcr_distance_ms = 0, pcr_interval_ms = 0;
     bool counters = true;
+    bool iso = false; // by the rules of the standard
 };
 
 struct capture_tally {
@@ -124,6 +124,10 @@ void tally_event(capture_tally *tally, const line_event &event, alert_record *al
 void tally_alert(capture_tally *tally, const alert_record &alert);
 
 uint64_t total_alerts(const capture_tally &tally);
+uint64_t alert_lines(const capture_tally &tally);
+
+// Whether its alerts are known from the engine's counters and not from lines.
+bool has_counters_alone(const capture_tally &tally);
 
 // The alerts of a kind: the lines, or, of a log that has none at all, what the engine counted.
 uint64_t alerts_of(const capture_tally &tally, line_kind kind);

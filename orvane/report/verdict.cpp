@@ -50,6 +50,40 @@ uint64_t count_for(const capture_tally &tally, const alert_limit &limit)
     return find_alert_kind(limit.kind, &kind) ? alerts_of(tally, kind) : 0;
 }
 
+bool is_checked(const check_record &checks, line_kind kind)
+{
+    switch (kind) {
+    case line_kind::cc_brk:
+    case line_kind::cc_rst:
+    case line_kind::cc_mlr:
+        return checks.counters;
+    case line_kind::pcr_freq:
+        return checks.pcr_interval_ms != 0;
+    case line_kind::pcr_delta:
+        return checks.pcr_distance_ms != 0;
+    case line_kind::av_deltaplus:
+    case line_kind::av_delta0:
+        return checks.av_distance_ms != 0;
+    default:
+        return true;
+    }
+}
+
+// Why that no alert was found for a limit says nothing; empty: it does.
+std::string_view why_unjudged(const capture_tally &tally, const alert_limit &limit)
+{
+    line_kind kind{};
+    const bool is_kind = find_alert_kind(limit.kind, &kind);
+    if (is_kind && tally.checks && !is_checked(*tally.checks, kind))
+        return "its check was off";
+    if (!has_counters_alone(tally))
+        return "";
+    if (is_kind && kind == line_kind::pmt_diff)
+        return "STAT lines do not count it";
+    const uint64_t counted = is_kind ? alerts_of(tally, kind) : total_alerts(tally);
+    return limit.pid >= 0 && counted > 0 ? "STAT lines name no PID" : "";
+}
+
 } // namespace
 
 std::string counted(uint64_t count, const char *what)
@@ -64,7 +98,7 @@ std::string limit_name(const alert_limit &limit)
 
 std::string parse_limit(std::string_view text, alert_limit *limit)
 {
-    const std::string shown(text);
+    const std::string shown(text.substr(0, 80));
     const size_t equals = text.rfind('=');
     if (equals == text.npos)
         return "limit \"" + shown + "\" is not of the form KIND=N or KIND/PID=N";
@@ -78,7 +112,9 @@ std::string parse_limit(std::string_view text, alert_limit *limit)
     uint64_t pid = 0;
     limit->pid = -1;
     if (slash != name.npos) {
-        if (!parse_whole(trim(name.substr(slash + 1)), &pid) || pid > MAX_PID || is_damaged)
+        if (is_damaged)
+            return "limit \"" + shown + "\": damaged lines have no PID";
+        if (!parse_whole(trim(name.substr(slash + 1)), &pid) || pid > MAX_PID)
             return "limit \"" + shown + "\" names no PID (0 to 8191)";
         limit->pid = static_cast<int>(pid);
     }
@@ -131,13 +167,25 @@ int status_of(run_end end)
 
 capture_verdict judge(const capture_tally &tally, const std::vector<alert_limit> &limits)
 {
-    capture_verdict verdict{.status = status_of(tally.end)};
+    capture_verdict verdict;
+    int limits_status = STATUS_WITHIN;
     for (const alert_limit &limit : limits) {
-        verdict.results.push_back({limit, count_for(tally, limit)});
-        if (verdict.results.back().is_exceeded())
-            verdict.status = std::max<int>(verdict.status, STATUS_EXCEEDED);
+        limit_result result{limit, count_for(tally, limit)};
+        if (result.count == 0)
+            result.unjudged = why_unjudged(tally, limit);
+        if (result.is_exceeded())
+            limits_status = STATUS_EXCEEDED;
+        else if (!result.unjudged.empty() && limits_status == STATUS_WITHIN)
+            limits_status = STATUS_NOTHING;
+        verdict.results.push_back(std::move(result));
     }
+    verdict.status = std::max(status_of(tally.end), limits_status);
     return verdict;
+}
+
+bool is_unjudged(const capture_tally &tally, const capture_verdict &verdict)
+{
+    return verdict.status == STATUS_NOTHING && status_of(tally.end) == STATUS_WITHIN;
 }
 
 std::string alerts_text(const capture_tally &tally)
@@ -165,6 +213,11 @@ std::string verdict_text(const capture_tally &tally, const capture_verdict &verd
         if (result.is_exceeded())
             text += (text.empty() ? "EXCEEDED: " : ", ") + limit_name(result.limit) + " " +
                     std::to_string(result.count) + " > " + std::to_string(result.limit.max);
+    for (const limit_result &result : verdict.results)
+        if (!result.unjudged.empty())
+            text.append(text.empty() ? "" : "; ")
+                .append("NOT JUDGED: " + limit_name(result.limit) + ", ")
+                .append(result.unjudged);
     const bool is_cut = status_of(tally.end) != STATUS_WITHIN;
     if (text.empty() && !is_cut)
         text = verdict.results.empty() ? "no limits" : "within limits";

@@ -15,7 +15,7 @@ enum report_status {
     STATUS_EXCEEDED = 1,
     STATUS_USAGE = 2, // or an output that could not be written
     STATUS_UNREADABLE = 3,
-    STATUS_NOTHING = 4,
+    STATUS_NOTHING = 4, // to analyse, or to judge a limit by
     STATUS_CUT_SHORT = 5,
 };
 
@@ -40,6 +40,7 @@ void add_limit(std::vector<alert_limit> *limits, const alert_limit &limit);
 struct limit_result {
     alert_limit limit;
     uint64_t count = 0;
+    std::string_view unjudged{}; // why a count of 0 says nothing; empty: it does
     bool is_exceeded() const { return count > limit.max; }
 };
 
@@ -52,6 +53,9 @@ capture_verdict judge(const capture_tally &tally, const std::vector<alert_limit>
 
 // What an end comes to by itself.
 int status_of(run_end end);
+
+// Whether all that is wrong is a limit that nothing tells of.
+bool is_unjudged(const capture_tally &tally, const capture_verdict &verdict);
 
 // "1 alert", "2 alerts".
 std::string counted(uint64_t count, const char *what);
