@@ -80,8 +80,8 @@ std::string_view why_unjudged(const capture_tally &tally, const alert_limit &lim
         return "";
     if (is_kind && kind == line_kind::pmt_diff)
         return "STAT lines do not count it";
-    const uint64_t counted = is_kind ? alerts_of(tally, kind) : total_alerts(tally);
-    return limit.pid >= 0 && counted > 0 ? "STAT lines name no PID" : "";
+    const uint64_t found = is_kind ? alerts_of(tally, kind) : total_alerts(tally);
+    return limit.pid >= 0 && found > 0 ? "STAT lines name no PID" : "";
 }
 
 } // namespace
