@@ -287,8 +287,8 @@ uint64_t bytes_so_far(const analysis &all)
 
 check_record checks_of(const tsan_config &cfg)
 {
-    if (!cfg.is_enabled)
-        return {.counters = false, .iso = cfg.iso_rules};
+    if (!cfg.is_enabled) // PCR intervals are watched all the same
+        return {.pcr_interval_ms = cfg.pcr_freq_ms, .counters = false, .iso = cfg.iso_rules};
     return {cfg.max_pdts_delta, cfg.max_pcr_delta, cfg.pcr_freq_ms, cfg.cc_track, cfg.iso_rules};
 }
 

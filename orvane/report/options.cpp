@@ -6,6 +6,7 @@
 #include <CLI/CLI.hpp>
 #include <libtarnlink/log.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <thread>
@@ -104,31 +105,36 @@ bool take_settings(const option_words &words, tsan_config *settings)
 bool same_file(const std::string &a, const std::string &b)
 {
     std::error_code error;
-    if (fs::exists(a, error) && !fs::is_regular_file(a, error))
-        return false; // a device is written to, not replaced
+    if (fs::is_character_file(a, error))
+        return false; // such as /dev/null
     if (fs::equivalent(a, b, error))
         return true;
-    const fs::path whole = fs::weakly_canonical(a, error);
-    return !whole.empty() && whole == fs::weakly_canonical(b, error);
+    const fs::path whole = fs::weakly_canonical(fs::absolute(a, error), error);
+    return !whole.empty() && whole == fs::weakly_canonical(fs::absolute(b, error), error);
 }
 
-// A name was forgotten, perhaps, and the next word taken for it.
+// Whether it may be a capture: a name was forgotten, perhaps, and the next word taken for it.
 bool is_capture(const std::string &path)
 {
     std::error_code error;
+    if (!fs::is_regular_file(path, error))
+        return false;
     char begin[TS_PACKET_SIZE + 1]{};
-    if (fs::is_regular_file(path, error))
-        std::ifstream(path).read(begin, sizeof begin);
-    return begin[0] == TS_SYNC_BYTE && begin[TS_PACKET_SIZE] == TS_SYNC_BYTE;
+    std::ifstream in(path);
+    in.read(begin, sizeof begin);
+    return !in.is_open() || (begin[0] == TS_SYNC_BYTE && begin[TS_PACKET_SIZE] == TS_SYNC_BYTE);
 }
 
 // What is read is not replaced, and no output by another one.
 bool take_outputs(const CLI::App &app, const report_options &options, const option_words &words)
 {
-    std::vector<std::string> inputs = words.limit_files;
-    inputs.push_back(words.settings_file);
-    for (const auto *more : {&options.captures, &options.logs, &options.records})
+    std::vector<std::string> inputs = options.captures;
+    for (const auto *more : {&options.logs, &options.records, &words.limit_files})
         inputs.insert(inputs.end(), more->begin(), more->end());
+    std::replace(inputs.begin() + static_cast<ptrdiff_t>(options.captures.size()), inputs.end(),
+                 std::string("-"), std::string("/dev/stdin"));
+    if (!words.settings_file.empty())
+        inputs.push_back(words.settings_file);
     std::vector<std::string> outputs;
     for (const char *name : {"--json", "--junit", "--html"}) {
         if (app.count(name) == 0)
@@ -143,7 +149,8 @@ bool take_outputs(const CLI::App &app, const report_options &options, const opti
             if (same_file(path, other))
                 return tell_wrong("two outputs to " + path);
         if (is_capture(path))
-            return tell_wrong(std::string(name) + ": " + path + " is a capture, not replaced");
+            return tell_wrong(std::string(name) + ": " + path +
+                              " is a capture, or cannot be read; it is not replaced");
         outputs.push_back(path);
     }
     return true;

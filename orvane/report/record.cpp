@@ -339,7 +339,10 @@ void read_run(const json &record, capture_tally *tally)
         if (tally->programmes.size() < MAX_TALLY_PROGRAMMES)
             tally->programmes.push_back(read_programme(programme));
     read_counted(record, &tally->source_alerts);
-    tally->has_stats = !record.at("engine_alerts").is_null();
+    const auto has_counters = [](const json &part) { return !part.at("engine_alerts").is_null(); };
+    const json &programmes = record.at("programmes");
+    tally->has_stats =
+        has_counters(record) || std::any_of(programmes.begin(), programmes.end(), has_counters);
 }
 
 void read_limits(const json &record, std::vector<alert_limit> *limits)

@@ -167,19 +167,19 @@ int status_of(run_end end)
 
 capture_verdict judge(const capture_tally &tally, const std::vector<alert_limit> &limits)
 {
-    capture_verdict verdict;
-    int limits_status = STATUS_WITHIN;
+    capture_verdict verdict{.status = status_of(tally.end)};
+    bool is_judged = true;
     for (const alert_limit &limit : limits) {
         limit_result result{limit, count_for(tally, limit)};
         if (result.count == 0)
             result.unjudged = why_unjudged(tally, limit);
+        is_judged = is_judged && result.unjudged.empty();
         if (result.is_exceeded())
-            limits_status = STATUS_EXCEEDED;
-        else if (!result.unjudged.empty() && limits_status == STATUS_WITHIN)
-            limits_status = STATUS_NOTHING;
+            verdict.status = std::max<int>(verdict.status, STATUS_EXCEEDED);
         verdict.results.push_back(std::move(result));
     }
-    verdict.status = std::max(status_of(tally.end), limits_status);
+    if (!is_judged && verdict.status == STATUS_WITHIN)
+        verdict.status = STATUS_NOTHING;
     return verdict;
 }
 
