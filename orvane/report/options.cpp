@@ -21,11 +21,10 @@ constexpr const char *ABOUT =
     "A verdict, a record and a picture of runs of the transport-stream analyzer.\n"
     "Analyses captures, reads access logs (--log) and records of earlier runs (--merge).";
 
-constexpr const char *STATUSES = "Exit status, the highest of all captures: 0 within limits; 1 a "
-                                 "limit exceeded; 2 usage, or an\n"
-                                 "output that cannot be written; 3 cannot be read; 4 nothing to "
-                                 "analyse, or to judge a limit by;\n"
-                                 "5 cut short.";
+constexpr const char *STATUSES =
+    "Exit status, the highest of all captures: 0 within limits; 1 a limit exceeded;\n"
+    "2 usage, or an output that cannot be written; 3 cannot be read; 4 nothing to analyse,\n"
+    "or to judge a limit by; 5 cut short.";
 
 // What the command line says in words.
 struct option_words {
