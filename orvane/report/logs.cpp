@@ -138,7 +138,7 @@ void read_log(report_run *run, const std::string &path)
 {
     log_reading log;
     log.run = run;
-    log.path = path == "-" ? "/dev/stdin" : path;
+    log.path = path;
     const int fd = open(log.path.c_str(), O_RDONLY | O_CLOEXEC);
     int rc = fd < 0 ? -errno : 1;
     if (fd >= 0) {

@@ -3,6 +3,6 @@
 
 #include "report/run.h"
 
-// Reads a log ("-": standard input). Every source in it is a capture of its own, called
+// Reads a log. Every source in it is a capture of its own, called
 // "FILE [SOURCE]".
 void read_log(report_run *run, const std::string &path);

@@ -140,7 +140,7 @@ void read_records(report_run *run, const std::string &path)
 {
     record_reading in;
     in.run = run;
-    in.path = path == "-" ? "/dev/stdin" : path;
+    in.path = path;
     const int fd = open(in.path.c_str(), O_RDONLY | O_CLOEXEC);
     int rc = fd < 0 ? -errno : 1;
     if (fd >= 0) {

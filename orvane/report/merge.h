@@ -3,6 +3,6 @@
 
 #include "report/run.h"
 
-// Reads a file of records ("-": standard input) as if its captures were analysed here. Where the
+// Reads a file of records as if its captures were analysed here. Where the
 // run has no limits, those of the record count.
 void read_records(report_run *run, const std::string &path);

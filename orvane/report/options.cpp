@@ -124,16 +124,20 @@ bool is_capture(const std::string &path)
     return !in.is_open() || (begin[0] == TS_SYNC_BYTE && begin[TS_PACKET_SIZE] == TS_SYNC_BYTE);
 }
 
-// What is read is not replaced, and no output by another one.
-bool take_outputs(const CLI::App &app, const report_options &options, const option_words &words)
+std::vector<std::string> inputs_of(const report_options &options, const option_words &words)
 {
     std::vector<std::string> inputs = options.captures;
     for (const auto *more : {&options.logs, &options.records, &words.limit_files})
         inputs.insert(inputs.end(), more->begin(), more->end());
-    std::replace(inputs.begin() + static_cast<ptrdiff_t>(options.captures.size()), inputs.end(),
-                 std::string("-"), std::string("/dev/stdin"));
     if (!words.settings_file.empty())
         inputs.push_back(words.settings_file);
+    return inputs;
+}
+
+// What is read is not replaced, and no output by another one.
+bool take_outputs(const CLI::App &app, const report_options &options, const option_words &words)
+{
+    const std::vector<std::string> inputs = inputs_of(options, words);
     std::vector<std::string> outputs;
     for (const char *name : {"--json", "--junit", "--html"}) {
         if (app.count(name) == 0)
@@ -173,6 +177,8 @@ options_result parse_report_options(int argc, char *argv[], report_options *opti
         return options_result::wrong;
     }
     log_default(&g_log, stderr);
+    for (auto *paths : {&options->logs, &options->records})
+        std::replace(paths->begin(), paths->end(), std::string("-"), std::string("/dev/stdin"));
     if (!take_limits(words, &options->limits) || !take_settings(words, &options->settings) ||
         !take_outputs(app, *options, words))
         return options_result::wrong;

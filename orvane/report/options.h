@@ -8,7 +8,7 @@
 #include <vector>
 
 struct report_options {
-    std::vector<std::string> captures, logs, records;
+    std::vector<std::string> captures, logs, records; // standard input is /dev/stdin
     tsan_config settings{};
     unsigned jobs = 1;
     std::vector<alert_limit> limits;
